@@ -1,0 +1,51 @@
+// Receivers are called outside the provider's lock, as a real provider's intake threads
+// would call them, so tests can deliver from several threads at once.
+#include "testing/fake_events_provider.h"
+
+namespace qeb::testing {
+
+result_t FakeEventsProvider::Subscribe(nox::IFileEventsReceiver* receiver,
+                                       const nox::FileEventsSubscription& subscription) noexcept {
+  const result_t r = m_receivers.Add(receiver);
+  if (QEB_SUCCEEDED(r)) {
+    std::lock_guard lock(m_mutex);
+    m_subscriptions.push_back(subscription);
+  }
+  return r;
+}
+
+result_t FakeEventsProvider::Resubscribe(nox::IFileEventsReceiver*,
+                                         const nox::FileEventsSubscription& subscription) noexcept {
+  std::lock_guard lock(m_mutex);
+  ++m_resubscribeCalls;
+  if (QEB_FAILED(m_resubscribeRefusal)) return m_resubscribeRefusal;
+  m_subscriptions.push_back(subscription);
+  return res::Ok;
+}
+
+result_t FakeEventsProvider::Unsubscribe(nox::IFileEventsReceiver* receiver) noexcept {
+  return m_receivers.Remove(receiver);
+}
+
+result_t FakeEventsProvider::Deliver(const vrel::EventParams& params) {
+  result_t last = res::NotFound;
+  for (auto& receiver : m_receivers.Snapshot()) last = receiver->OnEvent(params);
+  return last;
+}
+
+void FakeEventsProvider::RefuseResubscribe(result_t code) {
+  std::lock_guard lock(m_mutex);
+  m_resubscribeRefusal = code;
+}
+
+std::vector<nox::FileEventsSubscription> FakeEventsProvider::Subscriptions() const {
+  std::lock_guard lock(m_mutex);
+  return m_subscriptions;
+}
+
+size_t FakeEventsProvider::ResubscribeCalls() const {
+  std::lock_guard lock(m_mutex);
+  return m_resubscribeCalls;
+}
+
+}  // namespace qeb::testing

@@ -1,0 +1,38 @@
+// The fake file-events provider: records receivers with their subscription records and
+// delivers events to every receiver, from whichever thread the test calls it on.
+#pragma once
+
+#include <mutex>
+#include <vector>
+
+#include "framework/qeb/object_wrapper.h"
+#include "interfaces/nox/file_events.h"
+#include "testing/subscriber_list.h"
+
+namespace qeb::testing {
+
+class FakeEventsProvider : public object::Ifaces<nox::IEventsProvider> {
+ public:
+  result_t Subscribe(nox::IFileEventsReceiver* receiver,
+                     const nox::FileEventsSubscription& subscription) noexcept override;
+  result_t Resubscribe(nox::IFileEventsReceiver* receiver,
+                       const nox::FileEventsSubscription& subscription) noexcept override;
+  result_t Unsubscribe(nox::IFileEventsReceiver* receiver) noexcept override;
+
+  // Delivers to every receiver; answers what the last one answered (res::NotFound with none).
+  result_t Deliver(const vrel::EventParams& params);
+
+  void RefuseResubscribe(result_t code);
+  std::vector<nox::FileEventsSubscription> Subscriptions() const;  // every (re)subscription, in order
+  size_t ResubscribeCalls() const;
+  SubscriberList<nox::IFileEventsReceiver>& Receivers() { return m_receivers; }
+
+ private:
+  SubscriberList<nox::IFileEventsReceiver> m_receivers;
+  mutable std::mutex m_mutex;
+  std::vector<nox::FileEventsSubscription> m_subscriptions;
+  result_t m_resubscribeRefusal = res::Ok;
+  size_t m_resubscribeCalls = 0;
+};
+
+}  // namespace qeb::testing

@@ -1,0 +1,31 @@
+// The fake shares parser: records its subscribers and can announce a change of shares
+// to all of them, on the caller's thread, as the real parser does from its own.
+#pragma once
+
+#include "framework/qeb/object_wrapper.h"
+#include "interfaces/nox/shares.h"
+#include "testing/subscriber_list.h"
+
+namespace qeb::testing {
+
+class FakeSharesParser : public object::Ifaces<nox::ISharesParser> {
+ public:
+  result_t Subscribe(nox::ISharesParserEvents* s) noexcept override { return m_subscribers.Add(s); }
+  result_t Unsubscribe(nox::ISharesParserEvents* s) noexcept override {
+    return m_subscribers.Remove(s);
+  }
+
+  // Calls every subscriber; answers the last subscriber's result (0 with none).
+  result_t AnnounceChange() {
+    result_t last = res::Ok;
+    for (auto& s : m_subscribers.Snapshot()) last = s->OnSharesChanged();
+    return last;
+  }
+
+  SubscriberList<nox::ISharesParserEvents>& Subscribers() { return m_subscribers; }
+
+ private:
+  SubscriberList<nox::ISharesParserEvents> m_subscribers;
+};
+
+}  // namespace qeb::testing

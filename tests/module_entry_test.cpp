@@ -1,0 +1,165 @@
+// The library as a host sees it: loaded with dlopen, reached only through its two
+// exported functions and the interfaces of the object it creates.
+#include <dlfcn.h>
+
+#include <cstdio>
+#include <memory>
+#include <set>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "framework/qeb/objptr.h"
+#include "interfaces/qeb/module.h"
+#include "oas/file_interceptor.h"
+#include "testing/fake_host.h"
+
+namespace {
+
+using qeb::objptr_t;
+using qeb::testing::FakeHost;
+
+std::set<std::string> ExportedSymbols(const std::string& library) {
+  std::set<std::string> names;
+  const std::string command = "nm -D --defined-only " + library;
+  std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
+  char line[512];
+  while (pipe && fgets(line, sizeof line, pipe.get())) {
+    std::string text(line);
+    const auto space = text.find_last_of(' ');
+    std::string name = text.substr(space + 1);
+    while (!name.empty() && (name.back() == '\n' || name.back() == '\r')) name.pop_back();
+    if (!name.empty()) names.insert(name);
+  }
+  return names;
+}
+
+class LoadedModule : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    m_handle = dlopen(OAS_SHARED_LIBRARY, RTLD_NOW | RTLD_LOCAL);
+    ASSERT_NE(m_handle, nullptr) << dlerror();
+    create = reinterpret_cast<qebCreateObject_t>(dlsym(m_handle, "qebCreateObject"));
+    canUnload = reinterpret_cast<qebCanUnloadModule_t>(dlsym(m_handle, "qebCanUnloadModule"));
+    ASSERT_NE(create, nullptr);
+    ASSERT_NE(canUnload, nullptr);
+  }
+  void TearDown() override {
+    if (m_handle) dlclose(m_handle);
+  }
+
+  qebCreateObject_t create = nullptr;
+  qebCanUnloadModule_t canUnload = nullptr;
+  FakeHost host;
+
+ private:
+  void* m_handle = nullptr;
+};
+
+TEST(ModuleExports, OnlyTheTwoEntryPoints) {
+  EXPECT_EQ(ExportedSymbols(OAS_SHARED_LIBRARY),
+            (std::set<std::string>{"qebCanUnloadModule", "qebCreateObject"}));
+}
+
+TEST_F(LoadedModule, CounterFollowsCreateAndRelease) {
+  EXPECT_EQ(canUnload(), 0u);
+  qeb::IObject* object = nullptr;
+  ASSERT_EQ(create(qeb::CLSID_FileInterceptor, host.Locator(), &object), 0);
+  ASSERT_NE(object, nullptr);
+  EXPECT_EQ(canUnload(), 1u);
+
+  // A second face of the same object keeps it alive after the first is released.
+  objptr_t<vrel::IFileInterceptor> face;
+  ASSERT_EQ(qeb::QueryInterface(object, face.Ref()), 0);
+  object->Release();
+  EXPECT_EQ(canUnload(), 1u);
+  face.Reset();
+  EXPECT_EQ(canUnload(), 0u);
+}
+
+TEST_F(LoadedModule, RefusesBadRequestsWithoutCreating) {
+  qeb::IObject* const untouched = reinterpret_cast<qeb::IObject*>(0x1234);
+  qeb::IObject* object = untouched;
+  EXPECT_EQ(create(0x00000000, host.Locator(), &object), qeb::res::ClassNotFound);
+  EXPECT_EQ(create(0x1cf30c88, host.Locator(), &object), qeb::res::ClassNotFound);
+  EXPECT_EQ(object, untouched);
+  EXPECT_EQ(create(qeb::CLSID_FileInterceptor, host.Locator(), nullptr), qeb::res::InvalidArgument);
+  EXPECT_LT(create(qeb::CLSID_FileInterceptor, nullptr, &object), 0);
+  EXPECT_EQ(object, untouched);
+  EXPECT_EQ(canUnload(), 0u);
+}
+
+TEST_F(LoadedModule, EveryRequiredServiceMissingInTurn) {
+  for (const qeb::iid_t iid : {nox::ISharesParser::IID, nox::IEventsProvider::IID,
+                               nox::IMountSubscription::IID, qeb::ITracer::IID}) {
+    FakeHost partial;
+    partial.locator->Remove(iid);
+    partial.tracer->Clear();
+    qeb::IObject* const untouched = reinterpret_cast<qeb::IObject*>(0x1234);
+    qeb::IObject* object = untouched;
+    const qeb::result_t r = create(qeb::CLSID_FileInterceptor, partial.Locator(), &object);
+    EXPECT_LT(r, 0) << std::hex << iid;
+    EXPECT_EQ(object, untouched);
+    EXPECT_EQ(canUnload(), 0u);
+    if (iid != qeb::ITracer::IID) {
+      // The failure reaches the host's tracer at error level.
+      EXPECT_EQ(partial.tracer->Texts(qeb::trace::LevelError).size(), 1u);
+      EXPECT_TRUE(partial.tracer->Contains("Can't get interface"));
+    }
+  }
+}
+
+TEST_F(LoadedModule, EveryFaceOfTheInterceptorIsReachable) {
+  qeb::IObject* raw = nullptr;
+  ASSERT_EQ(create(qeb::CLSID_FileInterceptor, host.Locator(), &raw), 0);
+  auto object = objptr_t<qeb::IObject>::Attach(raw);
+  for (const qeb::iid_t iid :
+       {qeb::IObject::IID, qeb::IState::IID, nox::ISharesParserEvents::IID,
+        vrel::IFileInterceptor::IID, vrel::IFileInterceptor2::IID, vrel::IFileInterceptor3::IID,
+        vrel::IFileInterceptor4::IID, vrel::IPosixFileInterceptor::IID,
+        nox::oas::IFileMonitoringTaskSettings::IID}) {
+    void* face = nullptr;
+    EXPECT_EQ(object->QueryInterface(iid, &face), 0) << std::hex << iid;
+    ASSERT_NE(face, nullptr);
+    static_cast<qeb::IObject*>(face)->Release();
+  }
+  void* none = nullptr;
+  EXPECT_EQ(object->QueryInterface(0xdeadbeef, &none), qeb::res::NoInterface);
+  EXPECT_EQ(none, nullptr);
+
+  objptr_t<vrel::IFileInterceptor> interceptor;
+  ASSERT_EQ(qeb::QueryInterface(object.Get(), interceptor.Ref()), 0);
+  uint32_t state = 0;
+  EXPECT_EQ(interceptor->GetState(&state), 0);
+  EXPECT_EQ(state, nox::oas::FileInterceptor::STATE_CREATED);
+}
+
+class CountingAllocator : public qeb::object::Ifaces<qeb::IAllocator> {
+ public:
+  void* Alloc(size_t size) noexcept override {
+    ++allocations;
+    return std::malloc(size);
+  }
+  void Free(void* p) noexcept override {
+    ++frees;
+    std::free(p);
+  }
+  int allocations = 0;
+  int frees = 0;
+};
+
+TEST_F(LoadedModule, HostAllocatorProvidesTheObjectMemory) {
+  auto allocator = qeb::testing::MakeHostObject<CountingAllocator>();
+  host.locator->Register<qeb::IAllocator>(allocator);
+  qeb::IObject* object = nullptr;
+  ASSERT_EQ(create(qeb::CLSID_FileInterceptor, host.Locator(), &object), 0);
+  EXPECT_EQ(allocator->allocations, 1);
+  object->Release();
+  EXPECT_EQ(allocator->frees, 1);
+}
+
+TEST_F(LoadedModule, DeliberateCrashClassTerminates) {
+  EXPECT_DEATH(create(qeb::CLSID_DeliberateCrash, host.Locator(), nullptr), "");
+}
+
+}  // namespace
