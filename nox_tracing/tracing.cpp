@@ -26,7 +26,7 @@ Line::Line(ITracer* tracer, uint32_t level) noexcept {
     buffer = m_grown.data();
     capacity = m_grown.size();
   }
-  m_tracer = tracer;
+  m_tracer = objptr_t<ITracer>(tracer);
   m_record = record;
   m_data = buffer;
   m_capacity = capacity;

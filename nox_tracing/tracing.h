@@ -50,6 +50,10 @@ class Line {
   Line& operator<<(char c) noexcept { return Append(&c, 1); }
   Line& operator<<(std::u16string_view s) noexcept;  // converted to UTF-8
   Line& operator<<(const std::u16string& s) noexcept { return *this << std::u16string_view(s); }
+  // Without this a wide literal would take the bool overload.
+  Line& operator<<(const char16_t* s) noexcept {
+    return s ? *this << std::u16string_view(s) : *this << "(null)";
+  }
   Line& operator<<(bool b) noexcept { return AppendUnsigned(b ? 1 : 0); }
   Line& operator<<(double v) noexcept;
   Line& operator<<(ResultValue r) noexcept;
@@ -61,8 +65,13 @@ class Line {
   template <class T>
     requires(std::is_integral_v<T> && !std::is_same_v<T, bool> && !std::is_same_v<T, char>)
   Line& operator<<(T v) noexcept {
-    if constexpr (std::is_signed_v<T>) return AppendSigned(static_cast<int64_t>(v));
-    else return AppendUnsigned(static_cast<uint64_t>(v));
+    if constexpr (std::is_signed_v<T>) {
+      // Hexadecimal and octal show the value's own two's-complement width.
+      if (m_base != NumberBase::Dec) return AppendUnsigned(static_cast<std::make_unsigned_t<T>>(v));
+      return AppendSigned(static_cast<int64_t>(v));
+    } else {
+      return AppendUnsigned(static_cast<uint64_t>(v));
+    }
   }
 
   NumberBase Base() const noexcept { return m_base; }
@@ -78,7 +87,7 @@ class Line {
  private:
   void Grow(size_t needed) noexcept;
 
-  ITracer* m_tracer = nullptr;
+  objptr_t<ITracer> m_tracer;  // held while a record is open: the caller's may be a temporary
   ITraceRecord* m_record = nullptr;
   char* m_data = nullptr;
   size_t m_size = 0;
