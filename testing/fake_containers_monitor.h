@@ -1,0 +1,40 @@
+// The fake host's containers monitor: describes the namespaces a test registered and
+// fails for every other one, leaving the description as it was given.
+#pragma once
+
+#include <map>
+#include <mutex>
+
+#include "framework/qeb/object_wrapper.h"
+#include "interfaces/nox/containers.h"
+
+namespace qeb::testing {
+
+class FakeContainersMonitor : public object::Ifaces<nox::containers::IContainersMonitor> {
+ public:
+  result_t DescribeNamespace(uint64_t mountNamespace,
+                             nox::containers::ContainerDescription& description) noexcept override {
+    std::lock_guard lock(m_mutex);
+    ++m_requests;
+    auto it = m_containers.find(mountNamespace);
+    if (it == m_containers.end()) return res::NotFound;
+    description = it->second;
+    return res::Ok;
+  }
+
+  void Add(uint64_t mountNamespace, nox::containers::ContainerDescription description) {
+    std::lock_guard lock(m_mutex);
+    m_containers[mountNamespace] = std::move(description);
+  }
+  size_t Requests() const {
+    std::lock_guard lock(m_mutex);
+    return m_requests;
+  }
+
+ private:
+  mutable std::mutex m_mutex;
+  std::map<uint64_t, nox::containers::ContainerDescription> m_containers;
+  size_t m_requests = 0;
+};
+
+}  // namespace qeb::testing

@@ -1,0 +1,114 @@
+// The handler reads the file name as a scanner would, then follows its script on the
+// calling worker thread; only the bookkeeping is locked, never the calls into the event.
+#include "testing/fake_scanner.h"
+
+#include <stdexcept>
+#include <thread>
+
+#include "framework/qeb/exception.h"
+
+namespace qeb::testing {
+
+result_t FakeScanner::OnEvent(vrel::IEvent085* event, uint32_t context) noexcept {
+  return Handle(event, context, false);
+}
+
+result_t FakeScanner::OnEventCancelled(vrel::IEvent085*, uint32_t) noexcept {
+  return res::NotImplemented;
+}
+
+result_t FakeScanner::OnNotification(vrel::IEvent085* event, uint32_t context) noexcept {
+  return Handle(event, context, true);
+}
+
+ScannerScript FakeScanner::ScriptFor(vrel::IEvent085* event) const {
+  std::function<ScannerScript(vrel::IEvent085*)> chooser;
+  {
+    std::lock_guard lock(m_mutex);
+    if (!m_chooser) return m_script;
+    chooser = m_chooser;
+  }
+  return chooser(event);
+}
+
+void FakeScanner::Answer(vrel::IEvent085* event, const ScannerScript& script, ScannerCall& call) {
+  for (const auto& target : script.targetVerdicts) event->AddReplyTargetVerdict(target);
+  for (uint32_t target : script.resetTargets) event->ResetReplyTargetVerdict(target);
+  call.replyResults.push_back(event->Reply(script.verdict));
+}
+
+result_t FakeScanner::Handle(vrel::IEvent085* event, uint32_t context, bool notification) {
+  try {
+    ScannerCall call{notification, context, {}, {}};
+    const void* data = nullptr;
+    uint32_t size = 0;
+    if (QEB_SUCCEEDED(event->GetParam(vrel::_PARAM_FILE_NAME_USER_W, data, size)) && size >= 2)
+      call.fileName.assign(static_cast<const char16_t*>(data), size / 2 - 1);
+    const ScannerScript script = ScriptFor(event);
+    result_t result = res::Ok;
+    switch (script.action) {
+      case ScannerAction::ReplyAfterDelay:
+        std::this_thread::sleep_for(script.delay);
+        Answer(event, script, call);
+        break;
+      case ScannerAction::Reply: Answer(event, script, call); break;
+      case ScannerAction::ReplyTwice:
+        Answer(event, script, call);
+        call.replyResults.push_back(event->Reply(script.verdict));
+        break;
+      case ScannerAction::NeverReply: {
+        std::lock_guard lock(m_mutex);
+        m_kept.emplace_back(event);
+        break;
+      }
+      case ScannerAction::Throw:
+        try {
+          throw std::runtime_error("scanner failure");
+        } catch (...) {
+          result = CurrentExceptionToResult();
+        }
+        break;
+    }
+    std::lock_guard lock(m_mutex);
+    m_calls.push_back(std::move(call));
+    m_called.notify_all();
+    return result;
+  } catch (...) {
+    return CurrentExceptionToResult();
+  }
+}
+
+void FakeScanner::SetScript(ScannerScript script) {
+  std::lock_guard lock(m_mutex);
+  m_script = std::move(script);
+}
+
+void FakeScanner::SetChooser(std::function<ScannerScript(vrel::IEvent085*)> chooser) {
+  std::lock_guard lock(m_mutex);
+  m_chooser = std::move(chooser);
+}
+
+std::vector<ScannerCall> FakeScanner::Calls() const {
+  std::lock_guard lock(m_mutex);
+  return m_calls;
+}
+
+void FakeScanner::WaitForCalls(size_t count) const {
+  std::unique_lock lock(m_mutex);
+  m_called.wait(lock, [&] { return m_calls.size() >= count; });
+}
+
+size_t FakeScanner::KeptCount() const {
+  std::lock_guard lock(m_mutex);
+  return m_kept.size();
+}
+
+void FakeScanner::ReleaseKept() {
+  std::vector<objptr_t<vrel::IEvent085>> kept;
+  {
+    std::lock_guard lock(m_mutex);
+    kept.swap(m_kept);
+  }
+}
+
+}  // namespace qeb::testing

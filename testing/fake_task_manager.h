@@ -1,0 +1,60 @@
+// The fake host's task manager: records settings refreshes and stamps events with a
+// fixed task; either operation can be told to fail.
+#pragma once
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "framework/qeb/object_wrapper.h"
+#include "interfaces/nox/event_publisher.h"
+#include "interfaces/nox/task_manager.h"
+
+namespace qeb::testing {
+
+class FakeTaskManager : public object::Ifaces<nox::INoxTaskManager> {
+ public:
+  static constexpr uint32_t TaskId = 17;
+  static constexpr char16_t TaskName[] = u"OnAccessScan";
+
+  result_t RefreshTaskSettings(const char16_t* taskName) noexcept override {
+    std::lock_guard lock(m_mutex);
+    m_refreshed.emplace_back(taskName ? taskName : u"");
+    return m_refreshFailure;
+  }
+
+  result_t FillTaskInfo(nox::ProcessingErrorEvent& event, const char16_t* userName) noexcept override {
+    std::lock_guard lock(m_mutex);
+    m_fillUsers.emplace_back(userName ? userName : u"");
+    if (QEB_FAILED(m_fillFailure)) return m_fillFailure;
+    event.taskName = TaskName;
+    event.taskId = TaskId;
+    return res::Ok;
+  }
+
+  void FailRefresh(result_t code) {
+    std::lock_guard lock(m_mutex);
+    m_refreshFailure = code;
+  }
+  void FailFill(result_t code) {
+    std::lock_guard lock(m_mutex);
+    m_fillFailure = code;
+  }
+  std::vector<std::u16string> Refreshed() const {
+    std::lock_guard lock(m_mutex);
+    return m_refreshed;
+  }
+  std::vector<std::u16string> FillUsers() const {
+    std::lock_guard lock(m_mutex);
+    return m_fillUsers;
+  }
+
+ private:
+  mutable std::mutex m_mutex;
+  std::vector<std::u16string> m_refreshed;
+  std::vector<std::u16string> m_fillUsers;
+  result_t m_refreshFailure = res::Ok;
+  result_t m_fillFailure = res::Ok;
+};
+
+}  // namespace qeb::testing

@@ -1,0 +1,114 @@
+// Threads are started lazily: the minimum on the first task, one more whenever a task
+// waits while every thread is busy, never more than the maximum.
+#include "testing/fake_thread_pool.h"
+
+#include <algorithm>
+
+#include "testing/host_object.h"
+
+namespace qeb::testing {
+
+FakeThreadPool::FakeThreadPool(const ThreadPoolParams& params) : m_params(params) {}
+
+FakeThreadPool::~FakeThreadPool() {
+  {
+    std::lock_guard lock(m_mutex);
+    m_stopping = true;
+  }
+  m_wake.notify_all();
+  for (auto& t : m_threads) t.join();
+}
+
+result_t FakeThreadPool::AddTask(IRunnable* task, uint32_t) noexcept {
+  if (!task) return res::InvalidArgument;
+  {
+    std::lock_guard lock(m_mutex);
+    if (QEB_FAILED(m_refusal)) return m_refusal;
+    if (m_stopping) return res::NotReady;
+    m_queue.emplace_back(task);
+    StartThreadIfNeeded();
+  }
+  m_wake.notify_one();
+  return res::Ok;
+}
+
+void FakeThreadPool::StartThreadIfNeeded() {
+  const size_t wanted = std::max<size_t>(m_params.minThreads, 1);
+  const bool allBusy = m_busy + m_queue.size() > m_threads.size();
+  if (m_threads.size() < wanted || (allBusy && m_threads.size() < m_params.maxThreads))
+    m_threads.emplace_back([this] { Work(); });
+}
+
+void FakeThreadPool::Work() {
+  std::unique_lock lock(m_mutex);
+  for (;;) {
+    m_wake.wait(lock, [&] { return m_stopping || !m_queue.empty(); });
+    if (m_queue.empty()) return;  // stopping, and nothing left to drain
+    objptr_t<IRunnable> task = std::move(m_queue.front());
+    m_queue.pop_front();
+    ++m_busy;
+    lock.unlock();
+    task->Run();
+    task.Reset();
+    lock.lock();
+    --m_busy;
+    ++m_tasksRun;
+    if (m_busy == 0 && m_queue.empty()) m_idle.notify_all();
+  }
+}
+
+void FakeThreadPool::Refuse(result_t code) {
+  std::lock_guard lock(m_mutex);
+  m_refusal = code;
+}
+
+void FakeThreadPool::WaitIdle() {
+  std::unique_lock lock(m_mutex);
+  m_idle.wait(lock, [&] { return m_busy == 0 && m_queue.empty(); });
+}
+
+size_t FakeThreadPool::TasksRun() const {
+  std::lock_guard lock(m_mutex);
+  return m_tasksRun;
+}
+
+size_t FakeThreadPool::ThreadCount() const {
+  std::lock_guard lock(m_mutex);
+  return m_threads.size();
+}
+
+result_t FakeThreadPoolFactory::CreateThreadPool(const ThreadPoolParams& params,
+                                                 IThreadPool2** pool) noexcept {
+  if (!pool) return res::InvalidArgument;
+  *pool = nullptr;
+  std::lock_guard lock(m_mutex);
+  m_requests.push_back(params);
+  if (QEB_FAILED(m_failure)) return m_failure;
+  auto created = MakeHostObject<FakeThreadPool>(params);
+  created->Refuse(m_refusal);
+  m_lastPool = created;
+  *pool = created.Detach();
+  return res::Ok;
+}
+
+void FakeThreadPoolFactory::Fail(result_t code) {
+  std::lock_guard lock(m_mutex);
+  m_failure = code;
+}
+
+void FakeThreadPoolFactory::RefuseTasks(result_t code) {
+  std::lock_guard lock(m_mutex);
+  m_refusal = code;
+}
+
+std::vector<ThreadPoolParams> FakeThreadPoolFactory::Requests() const {
+  std::lock_guard lock(m_mutex);
+  return m_requests;
+}
+
+objptr_t<FakeThreadPool> FakeThreadPoolFactory::LastPool() const {
+  std::lock_guard lock(m_mutex);
+  return m_lastPool;
+}
+
+}  // namespace qeb::testing

@@ -1,0 +1,88 @@
+// Every callback handed to SetTimer is held by one reference while armed; a firing marks
+// it in flight under the lock, so CancelTimer knows to wait for it.
+#include "testing/fake_timer.h"
+
+namespace qeb::testing {
+
+result_t FakeTimer::SetTimer(ITimerCallback* callback, timer_duration_t timeout) noexcept {
+  if (!callback) return res::InvalidArgument;
+  objptr_t<ITimerCallback> previous;
+  std::lock_guard lock(m_mutex);
+  m_arms.push_back({callback, timeout});
+  if (QEB_FAILED(m_armFailure)) return m_armFailure;
+  auto& slot = m_armed[callback];
+  previous = std::exchange(slot, objptr_t<ITimerCallback>(callback));
+  m_timeouts[callback] = timeout;
+  return res::Ok;
+}
+
+result_t FakeTimer::SetPeriodicTimer(ITimerCallback*, timer_duration_t) noexcept {
+  return res::NotImplemented;
+}
+
+result_t FakeTimer::GetTimeLeft(ITimerCallback* callback, timer_duration_t& left) noexcept {
+  std::lock_guard lock(m_mutex);
+  if (!m_armed.count(callback)) return res::NotFound;
+  left = m_timeouts[callback];
+  return res::Ok;
+}
+
+result_t FakeTimer::RestartTimer(ITimerCallback* callback) noexcept {
+  std::lock_guard lock(m_mutex);
+  return m_armed.count(callback) ? res::Ok : res::NotFound;
+}
+
+result_t FakeTimer::CancelTimer(ITimerCallback* callback) noexcept {
+  objptr_t<ITimerCallback> removed;
+  std::unique_lock lock(m_mutex);
+  m_cancels.push_back(callback);
+  auto it = m_armed.find(callback);
+  const bool wasArmed = it != m_armed.end();
+  if (wasArmed) {
+    removed = std::move(it->second);
+    m_armed.erase(it);
+  }
+  m_fired.wait(lock, [&] { return m_inFlight.count(callback) == 0; });
+  return wasArmed ? res::Ok : res::False;
+}
+
+size_t FakeTimer::FireAll() {
+  std::vector<objptr_t<ITimerCallback>> due;
+  {
+    std::lock_guard lock(m_mutex);
+    for (auto& [key, callback] : m_armed) {
+      ++m_inFlight[key];
+      due.push_back(std::move(callback));
+    }
+    m_armed.clear();
+  }
+  for (auto& callback : due) {
+    callback->OnTimer();
+    std::lock_guard lock(m_mutex);
+    if (--m_inFlight[callback.Get()] == 0) m_inFlight.erase(callback.Get());
+    m_fired.notify_all();
+  }
+  return due.size();
+}
+
+void FakeTimer::FailArming(result_t code) {
+  std::lock_guard lock(m_mutex);
+  m_armFailure = code;
+}
+
+size_t FakeTimer::ArmedCount() const {
+  std::lock_guard lock(m_mutex);
+  return m_armed.size();
+}
+
+std::vector<TimerArm> FakeTimer::Arms() const {
+  std::lock_guard lock(m_mutex);
+  return m_arms;
+}
+
+std::vector<const ITimerCallback*> FakeTimer::Cancels() const {
+  std::lock_guard lock(m_mutex);
+  return m_cancels;
+}
+
+}  // namespace qeb::testing

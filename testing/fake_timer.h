@@ -1,0 +1,50 @@
+// The fake host's timer: one-shot timers that never fire by themselves. Tests fire the
+// armed callbacks by hand, from any thread; a fired timer is disarmed, as a real one-shot
+// timer is. A cancel waits for a firing of the same callback that is still running, so
+// the owner of a callback may die right after cancelling it.
+#pragma once
+
+#include <condition_variable>
+#include <map>
+#include <mutex>
+#include <vector>
+
+#include "framework/qeb/object_wrapper.h"
+#include "interfaces/qeb/timer.h"
+
+namespace qeb::testing {
+
+struct TimerArm {
+  const ITimerCallback* callback;
+  timer_duration_t timeout;
+};
+
+class FakeTimer : public object::Ifaces<ITimerService> {
+ public:
+  result_t SetTimer(ITimerCallback* callback, timer_duration_t timeout) noexcept override;
+  result_t SetPeriodicTimer(ITimerCallback* callback, timer_duration_t period) noexcept override;
+  result_t GetTimeLeft(ITimerCallback* callback, timer_duration_t& left) noexcept override;
+  result_t RestartTimer(ITimerCallback* callback) noexcept override;
+  result_t CancelTimer(ITimerCallback* callback) noexcept override;
+
+  // Fires every armed callback once and disarms it; returns how many fired.
+  size_t FireAll();
+  // SetTimer answers code from now on (0 to arm again).
+  void FailArming(result_t code);
+
+  size_t ArmedCount() const;
+  std::vector<TimerArm> Arms() const;  // every SetTimer, in order
+  std::vector<const ITimerCallback*> Cancels() const;
+
+ private:
+  mutable std::mutex m_mutex;
+  std::condition_variable m_fired;
+  std::map<const ITimerCallback*, objptr_t<ITimerCallback>> m_armed;
+  std::map<const ITimerCallback*, timer_duration_t> m_timeouts;
+  std::map<const ITimerCallback*, size_t> m_inFlight;
+  std::vector<TimerArm> m_arms;
+  std::vector<const ITimerCallback*> m_cancels;
+  result_t m_armFailure = res::Ok;
+};
+
+}  // namespace qeb::testing

@@ -1,0 +1,54 @@
+// One log behind both notifier faces; a failing notifier records nothing, as a layer
+// that refused the verdict has not acted on it.
+#include "testing/fake_verdict_notifier.h"
+
+namespace qeb::testing {
+
+result_t VerdictLog::Record(uint32_t verdict, const vrel::EventParams& params,
+                            std::optional<vrel::ReplyKey> key) {
+  std::lock_guard lock(m_mutex);
+  if (QEB_FAILED(m_failure)) return m_failure;
+  m_verdicts.push_back({verdict, params.cookie, key});
+  m_delivered.notify_all();
+  return res::Ok;
+}
+
+void VerdictLog::Fail(result_t code) {
+  std::lock_guard lock(m_mutex);
+  m_failure = code;
+}
+
+std::vector<DeliveredVerdict> VerdictLog::Verdicts() const {
+  std::lock_guard lock(m_mutex);
+  return m_verdicts;
+}
+
+std::map<uint64_t, size_t> VerdictLog::CountsByCookie() const {
+  std::lock_guard lock(m_mutex);
+  std::map<uint64_t, size_t> counts;
+  for (const auto& v : m_verdicts) ++counts[v.cookie];
+  return counts;
+}
+
+void VerdictLog::WaitFor(size_t count) const {
+  std::unique_lock lock(m_mutex);
+  m_delivered.wait(lock, [&] { return m_verdicts.size() >= count; });
+}
+
+result_t FakeVerdictNotifier::SetVerdict(const vrel::ReplyKey& key, const vrel::EventParams& params,
+                                         uint32_t verdict) noexcept {
+  return Record(verdict, params, key);
+}
+
+result_t FakeVerdictNotifierEx::SetVerdict(const vrel::EventParams& params,
+                                           uint32_t verdict) noexcept {
+  return Record(verdict, params, std::nullopt);
+}
+
+result_t FakeVerdictNotifierEx::SetVerdict(const vrel::ReplyKey& key,
+                                           const vrel::EventParams& params,
+                                           uint32_t verdict) noexcept {
+  return Record(verdict, params, key);
+}
+
+}  // namespace qeb::testing
