@@ -58,6 +58,9 @@ class objptr_t {
   }
 
   T* Get() const noexcept { return m_p; }
+  // Lets an objptr_t stand where a plain interface pointer is expected, as in
+  // provider->Subscribe(processor); the callee takes its own reference if it keeps one.
+  operator T*() const noexcept { return m_p; }
   T* operator->() const noexcept { return m_p; }
   T& operator*() const noexcept { return *m_p; }
   explicit operator bool() const noexcept { return m_p != nullptr; }
