@@ -1,8 +1,10 @@
 // The interceptor the host creates and drives: it owns the on/off switch of interception,
-// the scanner's handler, the filter mask and the current settings, and holds references
-// to the host's shares parser, events provider and mount subscription for its whole life.
+// the scanner's handler, the filter mask, the current settings and the current events
+// processor. Control operations are serialised by a busy flag; the mutex only guards the
+// members and is never held while the host's services are called.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
@@ -14,11 +16,13 @@
 #include "interfaces/qeb/tracer.h"
 #include "interfaces/vrel/event_handler.h"
 #include "interfaces/vrel/file_interceptor.h"
+#include "oas/shares_events_sink.h"
 #include "settings/oas_settings.h"
 
 namespace nox::oas {
 
 using duration_t = uint32_t;
+class FileEventsProcessor;
 
 class FileInterceptor
     : public qeb::object::Ifaces<qeb::IState, nox::ISharesParserEvents, vrel::IPosixFileInterceptor,
@@ -55,12 +59,22 @@ class FileInterceptor
   qeb::result_t ClearPathExclusions() noexcept override;
 
  private:
+  class ControlSection;
+
+  qeb::result_t StartIntercepting(uint32_t mask, const nox::settings::OASSettings& settings,
+                                  vrel::IEventHandler085* handler, duration_t timeout);
+  qeb::result_t StopIntercepting();
+  qeb::objptr_t<FileEventsProcessor> CurrentProcessor();
+  qeb::IServiceLocator* GetServiceLocator() const noexcept { return m_serviceLocator.Get(); }
+  qeb::ITracer* GetTracer() const noexcept { return m_tracer.Get(); }
+
   qeb::objptr_t<qeb::IServiceLocator> m_serviceLocator;
   qeb::objptr_t<qeb::ITracer> m_tracer;
   qeb::objptr_t<vrel::IEventHandler085> m_eventHandler;
   qeb::objptr_t<nox::IMountSubscription> m_mountsSubscription;
   qeb::objptr_t<nox::IEventsProvider> m_eventsProvider;
   qeb::objptr_t<nox::ISharesParser> m_sharesParser;
+  qeb::objptr_t<FileEventsProcessor> m_processor;
   duration_t m_timeout = 0;
   std::mutex m_mutex;
   std::condition_variable m_condition;
@@ -68,7 +82,9 @@ class FileInterceptor
   uint32_t m_state = STATE_CREATED;
   uint32_t m_mask = 0;
   nox::settings::OASSettings m_settings;
-  bool m_needSharesSubscription = false;
+  std::atomic<bool> m_needSharesSubscription{false};
+  // Subscribed to the shares parser in the interceptor's place (see shares_events_sink.h).
+  qeb::objptr_t<SharesEventsSink> m_sharesSink;
 };
 
 }  // namespace nox::oas

@@ -1,0 +1,56 @@
+// The interceptor's control section, shared by the files that implement its control
+// operations. It owns nothing: it borrows the interceptor's mutex, condition variable and
+// busy flag for the length of one operation.
+#pragma once
+
+#include <mutex>
+
+#include "oas/file_interceptor.h"
+
+namespace nox::oas {
+
+// Serialises the control operations: waits while another runs, then works from a copy of
+// the members taken under the mutex. Finish writes the outcome back and lets the next
+// operation in; leaving the scope without Finish (an exception) only clears the flag.
+class FileInterceptor::ControlSection {
+ public:
+  explicit ControlSection(FileInterceptor& owner) : m_owner(owner) {
+    std::unique_lock lock(owner.m_mutex);
+    owner.m_condition.wait(lock, [&] { return !owner.m_busy; });
+    owner.m_busy = true;
+    state = owner.m_state;
+    mask = owner.m_mask;
+    settings = owner.m_settings;
+    // Only control operations change the handler, and they are serialised, so the
+    // plain pointer stays valid for the whole section.
+    handler = owner.m_eventHandler.Get();
+    timeout = owner.m_timeout;
+  }
+  ControlSection(const ControlSection&) = delete;
+  ControlSection& operator=(const ControlSection&) = delete;
+  ~ControlSection() { Finish([] {}); }
+
+  template <class Update>
+  void Finish(Update&& update) {
+    if (m_finished) return;
+    m_finished = true;
+    {
+      std::lock_guard lock(m_owner.m_mutex);
+      update();
+      m_owner.m_busy = false;
+    }
+    m_owner.m_condition.notify_one();
+  }
+
+  uint32_t state = 0;
+  uint32_t mask = 0;
+  nox::settings::OASSettings settings;
+  vrel::IEventHandler085* handler = nullptr;
+  duration_t timeout = 0;
+
+ private:
+  FileInterceptor& m_owner;
+  bool m_finished = false;
+};
+
+}  // namespace nox::oas
