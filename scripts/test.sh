@@ -20,6 +20,7 @@ while [ $# -gt 0 ]; do
 done
 
 packages=(g++ cmake ninja-build binutils libgtest-dev libgmock-dev libboost-dev)
+packages+=(postgresql)  # a scratch database server for the journals cache test
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

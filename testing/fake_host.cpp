@@ -14,6 +14,22 @@ FakeHost::FakeHost()
   locator->Register<nox::IEventsProvider>(eventsProvider);
   locator->Register<nox::IMountSubscription>(mountSubscription);
   locator->Register<ITracer>(tracer);
+  locator->Register<system_interceptors::process_manager::IProcessManager>(processManager);
+  locator->Register<avengine::object_skip::IObjectSkipChecker>(
+      skipChecker, avengine::object_skip::IObjectSkipChecker::ServiceKey);
+  locator->Register<qeb::telemetry::IMetricsRegistry>(metricsRegistry);
+  locator->Register<monitoring::IMetricsFactory>(metricsFactory);
+  locator->Register<IThreadPoolFactory>(threadPoolFactory);
+  locator->Register<ITimerService>(timer);
+  locator->Register<vrel::IFileVerdictNotifier>(verdictNotifier);
+  locator->Register<nox::IEventPublisher>(eventPublisher);
+  locator->Register<nox::INoxTaskManager>(taskManager);
+  locator->Register<nox::IUserInfoCache>(userInfoCache);
+  locator->Register<nox::IFileInfoCache>(fileInfoCache);
+  locator->Register<nox::containers::IContainersMonitor>(containersMonitor);
+  formatRecognizer->RegisterWith(*locator);
+  fileFactory->RegisterWith(*locator);
+  applications->RegisterWith(*locator);
 }
 
 }  // namespace qeb::testing

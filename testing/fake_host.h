@@ -4,10 +4,22 @@
 #pragma once
 
 #include "testing/capturing_tracer.h"
+#include "testing/fake_applications.h"
+#include "testing/fake_containers_monitor.h"
+#include "testing/fake_event_publisher.h"
 #include "testing/fake_events_provider.h"
+#include "testing/fake_files.h"
+#include "testing/fake_info_caches.h"
+#include "testing/fake_metrics.h"
 #include "testing/fake_mount_subscription.h"
+#include "testing/fake_object_skip_checker.h"
+#include "testing/fake_process_manager.h"
 #include "testing/fake_service_locator.h"
 #include "testing/fake_shares_parser.h"
+#include "testing/fake_task_manager.h"
+#include "testing/fake_thread_pool.h"
+#include "testing/fake_timer.h"
+#include "testing/fake_verdict_notifier.h"
 #include "testing/host_object.h"
 
 namespace qeb::testing {
@@ -20,6 +32,23 @@ struct FakeHost {
   objptr_t<FakeSharesParser> sharesParser;
   objptr_t<FakeEventsProvider> eventsProvider;
   objptr_t<FakeMountSubscription> mountSubscription;
+  objptr_t<FakeProcessManager> processManager = MakeHostObject<FakeProcessManager>();
+  objptr_t<FakeFormatRecognizer> formatRecognizer = MakeHostObject<FakeFormatRecognizer>();
+  objptr_t<FakeFileFactory> fileFactory = MakeHostObject<FakeFileFactory>();  // by name and by fd
+  objptr_t<FakeObjectSkipChecker> skipChecker = MakeHostObject<FakeObjectSkipChecker>();
+  objptr_t<FakeMetricsRegistry> metricsRegistry = MakeHostObject<FakeMetricsRegistry>();
+  objptr_t<FakeMetricsFactory> metricsFactory = MakeHostObject<FakeMetricsFactory>();
+  objptr_t<FakeApplicationCatalog> applications = MakeHostObject<FakeApplicationCatalog>();  // provider and categorizer
+
+  // Interceptor events' services; the verdict notifier registered is the extended one.
+  objptr_t<FakeThreadPoolFactory> threadPoolFactory = MakeHostObject<FakeThreadPoolFactory>();
+  objptr_t<FakeTimer> timer = MakeHostObject<FakeTimer>();
+  objptr_t<FakeVerdictNotifierEx> verdictNotifier = MakeHostObject<FakeVerdictNotifierEx>();
+  objptr_t<FakeEventPublisher> eventPublisher = MakeHostObject<FakeEventPublisher>();
+  objptr_t<FakeTaskManager> taskManager = MakeHostObject<FakeTaskManager>();
+  objptr_t<FakeUserInfoCache> userInfoCache = MakeHostObject<FakeUserInfoCache>();
+  objptr_t<FakeFileInfoCache> fileInfoCache = MakeHostObject<FakeFileInfoCache>();
+  objptr_t<FakeContainersMonitor> containersMonitor = MakeHostObject<FakeContainersMonitor>();
 
   IServiceLocator* Locator() const { return locator.Get(); }
 };
