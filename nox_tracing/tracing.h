@@ -111,12 +111,17 @@ bool IsEnabled(ITracer* tracer, uint32_t level) noexcept;
 
 // A failed checked call written at error level: file:line(expression),(QEB_SUCCEEDED(_result))
 // failed: result = <result text>, then whatever the caller appends. result_var receives expr.
-#define QEB_CHECK_TRACE(tracer, result_var, expr)                                     \
+#define QEB_CHECK_TRACE(tracer, result_var, expr) \
+  QEB_CHECK_TRACE_AT(tracer, result_var, expr, #expr, __FILE__, __LINE__)
+
+// The same with the expression text and source position given: for failures that log
+// readers match by a position that must not move with edits of the file.
+#define QEB_CHECK_TRACE_AT(tracer, result_var, expr, text, file, lineNo)               \
   if (((result_var) = (expr)), QEB_SUCCEEDED(result_var)) {                          \
   } else if (::qeb::trace::Line qeb_check_line_{(tracer), ::qeb::trace::LevelError}; \
              !qeb_check_line_) {                                                     \
   } else                                                                             \
-    ::qeb::trace::CheckFailedPrefix(qeb_check_line_, __FILE__, __LINE__, #expr, (result_var))
+    ::qeb::trace::CheckFailedPrefix(qeb_check_line_, (file), (lineNo), (text), (result_var))
 
 // A failed condition written the same way, with its own result text (such as "false").
 #define QEB_CONDITION_TRACE(tracer, cond, result_text)                                 \

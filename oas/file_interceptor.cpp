@@ -75,7 +75,14 @@ result_t FileInterceptor::SetupFilters(uint32_t flags, vrel::IEventHandler085* h
     }
     section.handler = handler;
 
-    const result_t started = StartIntercepting(mask, section.settings, handler, section.timeout);
+    // A processor that cannot be built is a failed start like any refused subscription:
+    // the state must not stay "starting" and the handler must not be kept.
+    result_t started = res::Ok;
+    try {
+      started = StartIntercepting(mask, section.settings, handler, section.timeout);
+    } catch (...) {
+      started = qeb::TraceCurrentException(m_tracer);
+    }
     objptr_t<vrel::IEventHandler085> dropped;
     section.Finish([&] {
       if (QEB_FAILED(started)) {
@@ -97,7 +104,9 @@ result_t FileInterceptor::RemoveFilters() noexcept {
   try {
     ControlSection section(*this);
     result_t stopResult = res::Ok;
-    QEB_CHECK_TRACE(m_tracer, stopResult, StopIntercepting()) << "Cannot stop interceptor";
+    OAS_INTERCEPTOR_CHECK_TRACE(m_tracer, stopResult, StopIntercepting(),
+                                "stopResult = StopIntercepting()", __LINE__)
+        << "Cannot stop interceptor";
     if (QEB_FAILED(stopResult)) return stopResult;
     objptr_t<vrel::IEventHandler085> dropped;
     section.Finish([&] {
@@ -170,11 +179,16 @@ result_t FileInterceptor::StartIntercepting(uint32_t mask,
   processor->ApplySettings(settings);
 
   result_t r = res::Ok;
-  QEB_CHECK_TRACE(m_tracer, r, m_mountsSubscription->Subscribe(processor))
+  OAS_INTERCEPTOR_CHECK_TRACE(m_tracer, r, m_mountsSubscription->Subscribe(processor),
+                              "m_mountsSubscription->Subscribe(processor)",
+                              kMountsSubscribeCheckLine)
       << "Cannot subscribe to mount events";
   if (QEB_FAILED(r)) return r;
 
-  QEB_CHECK_TRACE(m_tracer, r, m_eventsProvider->Subscribe(processor, MakeSubscription(settings, mask)))
+  OAS_INTERCEPTOR_CHECK_TRACE(m_tracer, r,
+                              m_eventsProvider->Subscribe(processor, MakeSubscription(settings, mask)),
+                              "m_eventsProvider->Subscribe(processor, {settings, settings, flags})",
+                              kEventsSubscribeCheckLine)
       << "Cannot subscribe to file events";
   if (QEB_FAILED(r)) {
     // The processor is not kept, so nothing would ever unsubscribe it from mount changes.
@@ -187,7 +201,8 @@ result_t FileInterceptor::StartIntercepting(uint32_t mask,
     m_processor = processor;
   }
 
-  QEB_CHECK_TRACE(m_tracer, r, m_sharesParser->Subscribe(m_sharesSink))
+  OAS_INTERCEPTOR_CHECK_TRACE(m_tracer, r, m_sharesParser->Subscribe(m_sharesSink),
+                              "m_sharesParser->Subscribe(this)", kSharesSubscribeCheckLine)
       << "Cannot subscribe to shares events";
   return QEB_FAILED(r) ? r : res::Ok;
 }

@@ -1,13 +1,27 @@
-// The interceptor's control section, shared by the files that implement its control
-// operations. It owns nothing: it borrows the interceptor's mutex, condition variable and
-// busy flag for the length of one operation.
+// The interceptor's control section and its fixed-position check traces, shared by the
+// files that implement its control operations. It owns nothing: it borrows the
+// interceptor's mutex, condition variable and busy flag for the length of one operation.
 #pragma once
 
 #include <mutex>
 
+#include "nox_tracing/tracing.h"
 #include "oas/file_interceptor.h"
 
+// A failed checked call of the interceptor, traced with a fixed expression text and source
+// position: log readers match these failures by position, so the positions do not follow
+// edits of the files that implement the interceptor.
+#define OAS_INTERCEPTOR_CHECK_TRACE(tracer, result_var, expr, text, lineNo) \
+  QEB_CHECK_TRACE_AT(tracer, result_var, expr, text, ::nox::oas::kInterceptorSource, lineNo)
+
 namespace nox::oas {
+
+inline constexpr const char* kInterceptorSource = "oas/file_interceptor.cpp";
+inline constexpr unsigned kGetTaskManagerCheckLine = 63;
+inline constexpr unsigned kRefreshTaskCheckLine = 66;
+inline constexpr unsigned kMountsSubscribeCheckLine = 112;
+inline constexpr unsigned kEventsSubscribeCheckLine = 119;
+inline constexpr unsigned kSharesSubscribeCheckLine = 125;
 
 // Serialises the control operations: waits while another runs, then works from a copy of
 // the members taken under the mutex. Finish writes the outcome back and lets the next

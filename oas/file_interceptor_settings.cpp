@@ -25,10 +25,12 @@ namespace {
 result_t RefreshOasSettings(qeb::IServiceLocator* sl, qeb::ITracer* tracer) {
   result_t r = res::Ok;
   objptr_t<nox::INoxTaskManager> tm;
-  QEB_CHECK_TRACE(tracer, r, qeb::GetInterface(sl, tm.Ref()))
+  OAS_INTERCEPTOR_CHECK_TRACE(tracer, r, qeb::GetInterface(sl, tm.Ref()),
+                              "qeb::GetInterface(sl, tm.Ref())", kGetTaskManagerCheckLine)
       << "Cannot get INoxTaskManager interface";
   if (QEB_FAILED(r)) return r;
-  QEB_CHECK_TRACE(tracer, r, tm->RefreshTaskSettings(Name4DefaultOasTask))
+  OAS_INTERCEPTOR_CHECK_TRACE(tracer, r, tm->RefreshTaskSettings(Name4DefaultOasTask),
+                              "tm->RefreshTaskSettings(Name4DefaultOasTask)", kRefreshTaskCheckLine)
       << "Cannot refresh settings for '" << std::u16string_view(Name4DefaultOasTask) << "' task";
   if (QEB_FAILED(r)) return r;
   QEB_TRACE(tracer, trace::LevelDetail) << "RefreshOasSettings" << "() <- ";
@@ -78,7 +80,10 @@ result_t FileInterceptor::ResetCache() noexcept {
 
     const nox::FileEventsSubscription oasSettings = MakeSubscription(section.settings, section.mask);
     result_t r = res::Ok;
-    QEB_CHECK_TRACE(m_tracer, r, m_eventsProvider->Resubscribe(processor, oasSettings))
+    OAS_INTERCEPTOR_CHECK_TRACE(
+        m_tracer, r, m_eventsProvider->Resubscribe(processor, oasSettings),
+        "m_eventsProvider->Resubscribe( m_processor, {oasSettings, oasSettings, vrelFlags})",
+        __LINE__)
         << "Cannot resubscribe";
     return r;
   } catch (...) {
@@ -95,7 +100,8 @@ result_t FileInterceptor::OnSharesChanged() noexcept {
     QEB_CHECK_TRACE(m_tracer, r, RefreshOasSettings(GetServiceLocator(), GetTracer()))
         << "Failed to refresh oas settings";
     if (QEB_FAILED(r)) return r;
-    if (!needShares) return res::False;
+    // The refresh may have brought new settings (and a new answer) already.
+    if (!m_needSharesSubscription.load()) return res::False;
     QEB_CHECK_TRACE(m_tracer, r, ResetCache()) << "Failed to reset cache";
     return QEB_FAILED(r) ? r : res::Ok;
   } catch (...) {

@@ -2,6 +2,7 @@
 // fixed task; either operation can be told to fail.
 #pragma once
 
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -17,10 +18,24 @@ class FakeTaskManager : public object::Ifaces<nox::INoxTaskManager> {
   static constexpr uint32_t TaskId = 17;
   static constexpr char16_t TaskName[] = u"OnAccessScan";
 
+  // A real host answers a refresh by pushing the task's settings again; the hook lets a
+  // test do that (typically calling the interceptor's SetSettings) on the refreshing thread.
   result_t RefreshTaskSettings(const char16_t* taskName) noexcept override {
+    std::function<void()> onRefresh;
+    result_t result;
+    {
+      std::lock_guard lock(m_mutex);
+      m_refreshed.emplace_back(taskName ? taskName : u"");
+      result = m_refreshFailure;
+      onRefresh = m_onRefresh;
+    }
+    if (QEB_SUCCEEDED(result) && onRefresh) onRefresh();
+    return result;
+  }
+
+  void OnRefresh(std::function<void()> hook) {
     std::lock_guard lock(m_mutex);
-    m_refreshed.emplace_back(taskName ? taskName : u"");
-    return m_refreshFailure;
+    m_onRefresh = std::move(hook);
   }
 
   result_t FillTaskInfo(nox::ProcessingErrorEvent& event, const char16_t* userName) noexcept override {
@@ -55,6 +70,7 @@ class FakeTaskManager : public object::Ifaces<nox::INoxTaskManager> {
   std::vector<std::u16string> m_fillUsers;
   result_t m_refreshFailure = res::Ok;
   result_t m_fillFailure = res::Ok;
+  std::function<void()> m_onRefresh;
 };
 
 }  // namespace qeb::testing
