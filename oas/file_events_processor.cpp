@@ -8,6 +8,7 @@
 #include <thread>
 #include <utility>
 
+#include "framework/enums/enum_names.h"
 #include "framework/qeb/exception.h"
 #include "framework/qeb/service.h"
 #include "nox_common/container_identification_tools.h"
@@ -24,12 +25,16 @@ using qeb::trace::LevelError;
 
 namespace {
 
-// Log readers match this check failure by its source position; it stays fixed.
+// Log readers match these check failures by their source position; it stays fixed.
+constexpr const char* kCheckFile = "oas/file_events_processor";
+constexpr unsigned kMountProviderCheckLine = 98;
 constexpr unsigned kAddTaskCheckLine = 184;
 
 constexpr uint32_t kMinPoolThreads = 4;
 // The infected-object action that lets files through whatever the scanner says.
-constexpr uint32_t kInfectedActionPass = 5;
+constexpr uint32_t kInfectedActionPass =
+    static_cast<uint32_t>(nox::enums::ActionOnThreat::Type::Notify);
+static_assert(kInfectedActionPass == 5);
 constexpr uint32_t kPoolIdleTimeout = 30000;
 
 }  // namespace
@@ -83,12 +88,25 @@ qeb::objptr_t<CacheManager> FileEventsProcessor::CreateCache(
     std::vector<std::unique_ptr<IFilesCache>>&& caches) const {
   QEB_TRACE(m_tracer, LevelDetail) << __PRETTY_FUNCTION__;
   try {
-    return qeb::CreateObject<CacheManager>(m_serviceLocator.Get(), std::move(caches));
+    auto cacheManager = qeb::CreateObject<CacheManager>(m_serviceLocator.Get(), std::move(caches));
+    cacheManager->OnMountsChanged(m_ownMountNamespace, ReadMountList(), {});
+    return cacheManager;
   } catch (...) {
     // Without a cache manager every event is scanned; interception still runs.
     qeb::TraceCurrentException(m_tracer.Get());
     return nullptr;
   }
+}
+
+// The caches must start from the mounts as they are now, or the first remount of a
+// device that was already mounted would go unnoticed.
+nox::MountList FileEventsProcessor::ReadMountList() const {
+  const auto provider = qeb::RequireInterface<nox::IMountProvider>(
+      m_serviceLocator.Get(), 0, "Cannot get IMountProvider interface", kCheckFile,
+      kMountProviderCheckLine, "qeb::GetInterface(m_serviceLocator)");
+  nox::MountList mounts;
+  QEB_CHECK_THROW(provider->GetMountList(mounts), "Cannot get mount list");
+  return mounts;
 }
 
 void FileEventsProcessor::ApplySettings(const nox::settings::OASSettings& settings) {
@@ -154,7 +172,7 @@ result_t FileEventsProcessor::QueueEvent(const vrel::EventParams& params) {
   // Accepted or not, the pool holds whatever reference it needs from here on.
   event.Reset();
   if (QEB_FAILED(r))
-    throw qeb::CheckResultFailedException(__FILE__, kAddTaskCheckLine, r,
+    throw qeb::CheckResultFailedException(kCheckFile, kAddTaskCheckLine, r,
                                           "m_threadPool->AddTask(event, 0)",
                                           "Failed to add file event task to thread pool");
   return res::Ok;

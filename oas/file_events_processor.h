@@ -60,6 +60,7 @@ class FileEventsProcessor : public qeb::object::Ifaces<nox::IFileEventsReceiver,
 
  private:
   qeb::objptr_t<CacheManager> CreateCache(std::vector<std::unique_ptr<IFilesCache>>&& caches) const;
+  nox::MountList ReadMountList() const;
   void CreatePool();
   void NoteEventInHostCaches(const vrel::EventParams& params, const std::string& fileName);
   qeb::result_t QueueEvent(const vrel::EventParams& params);

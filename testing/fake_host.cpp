@@ -27,6 +27,7 @@ FakeHost::FakeHost()
   locator->Register<nox::IUserInfoCache>(userInfoCache);
   locator->Register<nox::IFileInfoCache>(fileInfoCache);
   locator->Register<nox::containers::IContainersMonitor>(containersMonitor);
+  locator->Register<nox::IMountProvider>(mountProvider);
   formatRecognizer->RegisterWith(*locator);
   fileFactory->RegisterWith(*locator);
   applications->RegisterWith(*locator);

@@ -11,6 +11,7 @@
 #include "testing/fake_files.h"
 #include "testing/fake_info_caches.h"
 #include "testing/fake_metrics.h"
+#include "testing/fake_mount_provider.h"
 #include "testing/fake_mount_subscription.h"
 #include "testing/fake_object_skip_checker.h"
 #include "testing/fake_process_manager.h"
@@ -49,6 +50,7 @@ struct FakeHost {
   objptr_t<FakeUserInfoCache> userInfoCache = MakeHostObject<FakeUserInfoCache>();
   objptr_t<FakeFileInfoCache> fileInfoCache = MakeHostObject<FakeFileInfoCache>();
   objptr_t<FakeContainersMonitor> containersMonitor = MakeHostObject<FakeContainersMonitor>();
+  objptr_t<FakeMountProvider> mountProvider = MakeHostObject<FakeMountProvider>();
 
   IServiceLocator* Locator() const { return locator.Get(); }
 };
