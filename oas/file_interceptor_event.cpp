@@ -287,6 +287,9 @@ result_t FileInterceptorEvent::GetProcessingType(
 result_t FileInterceptorEvent::Run() noexcept {
   NameWorkerThreadOnce();
   QEB_TRACE(m_tracer, LevelDetail) << __PRETTY_FUNCTION__;
+  // An interception started without a handler (a run request before any filter set-up)
+  // has nobody to ask: the event is released unanswered and the file let through.
+  if (!m_eventHandler) return res::Ok;
   try {
     auto* self = static_cast<vrel::IEvent085*>(this);
     switch (m_header.functionType) {

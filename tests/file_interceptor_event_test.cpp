@@ -171,6 +171,16 @@ TEST_F(InterceptorEventTest, UnansweredEventIsAllowedUncachedWhenDestroyed) {
   EXPECT_TRUE(errors[0].ends_with(" was not processed!"));
 }
 
+TEST_F(InterceptorEventTest, RunWithoutAHandlerLetsTheFileThroughWhenReleased) {
+  auto event = qeb::CreateObject<FileInterceptorEvent>(host.Locator(), MakeParams(), 1000u,
+                                                       nullptr, false, nullptr,
+                                                       host.containersMonitor.Get());
+  EXPECT_EQ(static_cast<qeb::IRunnable*>(event.Get())->Run(), 0);
+  EXPECT_TRUE(Delivered().empty());
+  event.Reset();
+  EXPECT_EQ(Delivered(), std::vector<uint32_t>{2});
+}
+
 TEST_F(InterceptorEventTest, RejectedOperationsFailConstructionWithoutAVerdict) {
   for (uint32_t oper : {0u, 5u, 6u, 8u, 9u}) {
     SCOPED_TRACE(oper);
