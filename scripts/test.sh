@@ -20,6 +20,7 @@ while [ $# -gt 0 ]; do
 done
 
 packages=(g++ cmake ninja-build binutils libgtest-dev libgmock-dev libboost-dev)
+packages+=(libbenchmark-dev)  # the microbenchmarks under bench/, built but not run
 packages+=(postgresql)  # a scratch database server for the journals cache test
 missing=()
 for p in "${packages[@]}"; do
