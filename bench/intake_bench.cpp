@@ -7,6 +7,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include "testing/event_builder.h"
+
 #include <cstdint>
 #include <memory>
 
@@ -38,17 +40,7 @@ class NullUserInfoCache : public qeb::object::Ifaces<nox::IUserInfoCache> {
 };
 
 vrel::EventParams Params(uint64_t cookie) {
-  vrel::EventParams p;
-  p.fileName = std::string_view("/srv/data/reports/2026/quarterly-summary.txt");
-  p.cookie = cookie;
-  p.uid = 1000;
-  p.pid = getpid();
-  p.fd = 42;
-  p.nsid = nox::containers::GetOwnMountNamespaceId();
-  p.dev = 2049;
-  p.ino = cookie;
-  p.oper = vrel::VREL_ACTION_OPEN;
-  p.replyHandle = 1;
+  auto p = qeb::testing::MakeOpenEvent(cookie, "/srv/data/reports/2026/quarterly-summary.txt");
   p.ctime = {1700000000, 5};
   return p;
 }

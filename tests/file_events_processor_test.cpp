@@ -11,6 +11,8 @@
 
 #include <gtest/gtest.h>
 
+#include "testing/event_builder.h"
+
 #include "framework/qeb/exception.h"
 #include "nox_common/container_identification_tools.h"
 #include "oas/file_events_processor.h"
@@ -27,18 +29,7 @@ using namespace qeb::testing;
 namespace res = qeb::res;
 
 vrel::EventParams MakeParams(uint64_t cookie, std::string_view name = "/srv/data/file.bin") {
-  vrel::EventParams p;
-  p.fileName = name;
-  p.cookie = cookie;
-  p.uid = 1000;
-  p.pid = getpid();
-  p.fd = 42;
-  p.nsid = nox::containers::GetOwnMountNamespaceId();
-  p.dev = 2049;
-  p.ino = cookie;
-  p.oper = vrel::VREL_ACTION_OPEN;
-  p.replyHandle = 1;
-  return p;
+  return qeb::testing::MakeOpenEvent(cookie, name);
 }
 
 ScannerScript CacheableAllow() {
