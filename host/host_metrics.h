@@ -1,0 +1,38 @@
+// The host's own counters, shared by the services that bump them and the metrics writer that
+// prints them. Plain atomics: every writer is on a hot path and none may take a lock.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+
+namespace oasd {
+
+struct HostMetrics {
+  std::atomic<uint64_t> events{0};           // permission events and notifications read
+  std::atomic<uint64_t> ownEvents{0};        // oasd's own accesses, allowed without the module
+  std::atomic<uint64_t> allowedAtOnce{0};    // the module answered 1 inside OnEvent
+  std::atomic<uint64_t> verdictsAllow{0};    // verdicts 1 and 2 delivered later
+  std::atomic<uint64_t> verdictsDeny{0};     // verdict 4 and immediate 0x80000045
+  std::atomic<uint64_t> deadlineAllows{0};   // pending events the hard deadline let through
+  std::atomic<uint64_t> processingErrors{0};
+  std::atomic<uint64_t> detections{0};
+  std::atomic<uint64_t> scans{0};
+  std::atomic<uint64_t> checkedCacheHits{0};
+  std::atomic<int64_t> pending{0};           // permission events waiting for a verdict
+
+  // Scan latency histogram, upper bounds in microseconds; the last bucket is +Inf.
+  static constexpr std::array<uint64_t, 8> LatencyBoundsUs{100, 1000, 5000, 20000, 100000,
+                                                            500000, 2000000, 10000000};
+  std::array<std::atomic<uint64_t>, LatencyBoundsUs.size() + 1> latencyBuckets{};
+  std::atomic<uint64_t> latencySumUs{0};
+
+  void RecordScanLatency(uint64_t us) noexcept {
+    size_t i = 0;
+    while (i < LatencyBoundsUs.size() && us > LatencyBoundsUs[i]) ++i;
+    latencyBuckets[i].fetch_add(1, std::memory_order_relaxed);
+    latencySumUs.fetch_add(us, std::memory_order_relaxed);
+  }
+};
+
+}  // namespace oasd

@@ -1,0 +1,40 @@
+// Everything oasd is configured with: the module's on-access settings record plus the host's
+// own options. Filled from the command line or a JSON config file (config.h) and read-only
+// once the daemon runs; a SIGHUP builds a fresh one rather than changing this in place.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "settings/oas_settings.h"
+
+namespace oasd {
+
+enum class EngineKind { ClamAV, None };
+
+struct HostOptions {
+  // The module's task settings; scan areas come from "watch" or from settings.scan_scope.
+  nox::settings::OASSettings settings;
+  std::vector<std::string> watchPaths;
+
+  EngineKind engine = EngineKind::ClamAV;
+  std::string signatureDir;         // empty: the bundled signature set
+  uint32_t engineDelayMs = 0;       // a deliberately slow engine, for timeout drills
+  uint32_t checkedCacheEntries = 65536;
+
+  uint32_t verdictTimeoutMs = 30000;     // the module's Init timeout
+  uint32_t permissionDeadlineMs = 30000;  // host's hard limit before a pending open is allowed
+
+  uint32_t logLevel = 700;  // 300 errors, 700 notices, 800 detail
+  std::string logFile;      // empty: stderr
+  std::string eventsFile;   // JSON lines of detections and processing errors; empty: none
+  std::string metricsFile;  // Prometheus text; empty: none
+  uint32_t metricsIntervalS = 5;
+  std::string modulePath;   // empty: liboas.so next to the executable, then the install dir
+
+  std::map<std::string, std::string> applications{{"postgres", "PostgreSQL"}};
+};
+
+}  // namespace oasd
