@@ -2,6 +2,8 @@
 // out-of-table fields) and copies, which must carry every field and own their strings.
 #include <gtest/gtest.h>
 
+#include <cstdint>
+
 #include "oas/event_params_text.h"
 #include "testing/capturing_tracer.h"
 #include "testing/host_object.h"
@@ -95,6 +97,16 @@ TEST(EventParamsCopy, CarriesEveryFieldAndOwnsItsStrings) {
     EXPECT_EQ(copy->text184, std::string(40, 's'));
     EXPECT_EQ(vrel::ToString(*copy), printed);
   }
+}
+
+// The caches compare change times of whatever the interception layer read: a hostile or
+// corrupt far-off time must wrap, not overflow (the sanitizer build traps on overflow).
+TEST(EventParamsTimes, FarOffTimesWrapInsteadOfOverflowing) {
+  EXPECT_EQ(vrel::ToNanoseconds({1, 5}), 1'000'000'005);
+  EXPECT_EQ(vrel::ToNanoseconds({-1, 0}), -1'000'000'000);
+  const int64_t far = vrel::ToNanoseconds({INT64_MAX, 999'999'999});
+  EXPECT_EQ(static_cast<uint64_t>(far),
+            static_cast<uint64_t>(INT64_MAX) * 1'000'000'000u + 999'999'999u);
 }
 
 }  // namespace

@@ -76,9 +76,12 @@ struct EventParams {
   bool operator==(const EventParams&) const = default;
 };
 
-// Nanoseconds as the caches compare times: seconds * 1,000,000,000 + nanoseconds.
+// Nanoseconds as the caches compare times: seconds * 1,000,000,000 + nanoseconds. A record
+// carries whatever times the interception layer read, so a far-off time wraps around in
+// two's complement instead of overflowing.
 constexpr int64_t ToNanoseconds(const Timespec& t) noexcept {
-  return t.sec * 1'000'000'000 + t.nsec;
+  return static_cast<int64_t>(static_cast<uint64_t>(t.sec) * 1'000'000'000u +
+                              static_cast<uint64_t>(t.nsec));
 }
 
 static_assert(sizeof(std::string) == 32, "the record carries a 32-byte standard string");
