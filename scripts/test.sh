@@ -2,19 +2,24 @@
 # The project's one test command: installs what is missing (Debian packages, idempotent),
 # configures, builds and runs the whole suite through ctest.
 #   scripts/test.sh [--werror] [--sanitize address,undefined] [--build-dir DIR]
+#                   [--cmake-args "ARGS"] [--ctest-args "ARGS"]
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 build_dir="$root/build"
 werror=OFF
 sanitize=""
+cmake_args=()
+ctest_args=()
 
 while [ $# -gt 0 ]; do
   case "$1" in
     --werror) werror=ON ;;
     --sanitize) sanitize="$2"; shift ;;
     --build-dir) build_dir="$2"; shift ;;
-    *) echo "usage: $0 [--werror] [--sanitize LIST] [--build-dir DIR]" >&2; exit 2 ;;
+    --cmake-args) read -ra cmake_args <<< "$2"; shift ;;
+    --ctest-args) read -ra ctest_args <<< "$2"; shift ;;
+    *) echo "usage: $0 [--werror] [--sanitize LIST] [--build-dir DIR] [--cmake-args ARGS] [--ctest-args ARGS]" >&2; exit 2 ;;
   esac
   shift
 done
@@ -36,6 +41,6 @@ if [ ${#missing[@]} -gt 0 ]; then
 fi
 
 cmake -S "$root" -B "$build_dir" -G Ninja \
-  -DOAS_WERROR="$werror" -DOAS_SANITIZE="$sanitize"
+  -DOAS_WERROR="$werror" -DOAS_SANITIZE="$sanitize" "${cmake_args[@]}"
 cmake --build "$build_dir"
-ctest --test-dir "$build_dir" --output-on-failure -j "$(nproc)"
+ctest --test-dir "$build_dir" --output-on-failure -j "$(nproc)" "${ctest_args[@]}"
