@@ -1,21 +1,25 @@
 // Microbenchmarks of event intake against the fake host: FileEventsProcessor::OnEvent for
-// an event with no reply handle, for a file the clean-file cache already knows, and for a
-// miss that builds an event object and queues it to the pool (the fake scanner answers at
-// once on a pool thread); then the cost of a trace line that is off and of one that is on
-// and prints a whole event record. Tracing is at error level, as in production.
+// an event with no reply handle, for a file the clean-file cache already knows (a fake
+// cache, then a real text files cache of 1,000 / 10,000 / 100,000 files), and for a miss
+// that builds an event object and queues it to the pool (the fake scanner answers at once
+// on a pool thread); then the cost of a trace line that is off and of one that is on and
+// prints a whole event record. Tracing is at error level, as in production.
 #include <unistd.h>
 
 #include <benchmark/benchmark.h>
 
-#include "testing/event_builder.h"
-
 #include <cstdint>
+#include <map>
 #include <memory>
+#include <vector>
 
+#include "bench/bench_host.h"
 #include "nox_common/container_identification_tools.h"
 #include "nox_tracing/tracing.h"
+#include "oas/cache_impl/text_files_cache.h"
 #include "oas/event_params_text.h"
 #include "oas/file_events_processor.h"
+#include "testing/event_builder.h"
 #include "testing/fake_files_cache.h"
 #include "testing/fake_host.h"
 #include "testing/fake_scanner.h"
@@ -26,18 +30,10 @@ using nox::oas::FileEventsProcessor;
 using qeb::objptr_t;
 using namespace qeb::testing;
 
-constexpr uint32_t ProductionTraceLevel = 300;
+using oas_bench::NullUserInfoCache;
+using oas_bench::ProductionTraceLevel;
 // Queued work is drained (off the clock) this often, so the pool's queue stays short.
 constexpr size_t DrainEvery = 1024;
-
-// Takes the notes and forgets them: the fake's own note log would grow with every event.
-class NullUserInfoCache : public qeb::object::Ifaces<nox::IUserInfoCache> {
- public:
-  qeb::result_t NoteEventUser(uint64_t, const std::string&, uint32_t) noexcept override { return 0; }
-  qeb::result_t GetFileOwner(uint64_t, const std::string&, nox::UserInfo&) noexcept override {
-    return qeb::res::NotFound;
-  }
-};
 
 vrel::EventParams Params(uint64_t cookie) {
   auto p = qeb::testing::MakeOpenEvent(cookie, "/srv/data/reports/2026/quarterly-summary.txt");
@@ -87,6 +83,37 @@ void BM_OnEvent_CleanCacheHit(benchmark::State& state) {
   for (auto _ : state) benchmark::DoNotOptimize(intake.processor->OnEvent(p));
 }
 BENCHMARK(BM_OnEvent_CleanCacheHit);
+
+// A processor over a real text files cache holding `files` files, built once per size
+// and kept for the run, so the hit can be compared across cache sizes.
+objptr_t<FileEventsProcessor> ProcessorWithTextCache(oas_bench::TextFileHost& host, uint64_t files) {
+  static std::map<uint64_t, objptr_t<FileEventsProcessor>> processors;
+  auto& processor = processors[files];
+  if (processor) return processor;
+  auto cache = std::make_unique<nox::oas::TextFilesCache>(host.host.Locator());
+  for (uint64_t ino = 1; ino <= files; ++ino) cache->Add(host.Event(ino));
+  std::vector<std::unique_ptr<nox::oas::IFilesCache>> caches;
+  caches.push_back(std::move(cache));
+  processor = qeb::CreateObject<FileEventsProcessor>(host.host.Locator(), nullptr, 1000,
+                                                     std::move(caches));
+  return processor;
+}
+
+void BM_OnEvent_CleanHit_TextCache(benchmark::State& state) {
+  static oas_bench::TextFileHost host;
+  const auto files = static_cast<uint64_t>(state.range(0));
+  const auto processor = ProcessorWithTextCache(host, files);
+  std::vector<vrel::EventParams> events;
+  for (uint64_t ino = 1; ino <= files; ino += files / 64 + 1) events.push_back(host.Event(ino));
+  for (const auto& event : events)
+    if (processor->OnEvent(event) != qeb::res::False) return state.SkipWithError("file not cached clean");
+  size_t i = 0;
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(processor->OnEvent(events[i]));
+    if (++i == events.size()) i = 0;
+  }
+}
+BENCHMARK(BM_OnEvent_CleanHit_TextCache)->Arg(1'000)->Arg(10'000)->Arg(100'000);
 
 // Each call builds an event object and hands it to the pool; the scanner's reply and the
 // verdict run on pool threads and overlap the loop except when the queue is drained.
