@@ -217,6 +217,8 @@ result_t FileInterceptor::StopIntercepting() {
   if (processor) {
     m_mountsSubscription->Unsubscribe(processor);
     m_eventsProvider->Unsubscribe(processor);
+    // Whatever the provider answered, no more files are taken through this processor.
+    processor->Stop();
   }
   m_sharesParser->Unsubscribe(m_sharesSink);
   return res::Ok;

@@ -94,6 +94,8 @@ FileInterceptorEvent::~FileInterceptorEvent() {
     m_timer->CancelTimer(m_timeoutCallback.Get());
     m_timer.Reset();
   }
+  // A timer that refused the cancel still holds the callback; it must not reach this event.
+  if (m_timeoutCallback) m_timeoutCallback->Detach();
   if (!m_processed) {
     // Nobody answered: the file is let through, and never cached as clean.
     QEB_TRACE(m_tracer, LevelError) << m_params << " was not processed!";
@@ -421,6 +423,11 @@ result_t FileInterceptorEvent::Postpone(qeb::bool_t bRequestPostponeTimeImperson
   QEB_TRACE(m_tracer, LevelDetail) << __PRETTY_FUNCTION__ << " bRequestPostponeTimeImpersonating: "
                                    << bRequestPostponeTimeImpersonating;
   return res::NotSupported;
+}
+
+void FileInterceptorEvent::Withdraw() noexcept {
+  std::lock_guard lock(m_mutex);
+  m_processed = true;
 }
 
 // ---- timeouts ----------------------------------------------------------------------

@@ -70,6 +70,10 @@ class FileInterceptorEvent
   // Called by the timeout callback on the timer's thread.
   qeb::result_t OnTimeout() noexcept;
 
+  // The file is answered by whoever created the event (the pool refused it): the event
+  // must deliver nothing, not even the default verdict on release.
+  void Withdraw() noexcept;
+
   qeb::IServiceLocator* GetServiceLocator() const noexcept { return m_serviceLocator.Get(); }
 
  private:

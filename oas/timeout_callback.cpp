@@ -7,7 +7,7 @@
 
 namespace nox::oas {
 
-static_assert(sizeof(TimeoutCallback) == 24, "interface table, event pointer and count");
+static_assert(sizeof(TimeoutCallback) == 24, "interface table, event pointer and two counts");
 
 qeb::objptr_t<TimeoutCallback> TimeoutCallback::Create(FileInterceptorEvent* event) {
   return qeb::objptr_t<TimeoutCallback>::Attach(
@@ -39,6 +39,20 @@ qeb::result_t TimeoutCallback::QueryInterface(qeb::iid_t iid, void** out) noexce
   return qeb::res::Ok;
 }
 
-qeb::result_t TimeoutCallback::OnTimer() noexcept { return m_event->OnTimeout(); }
+// The firing count is raised before the pointer is read, and Detach clears the pointer
+// before it reads the count (both sequentially consistent): a firing either sees no
+// event or is seen, and waited for, by Detach.
+qeb::result_t TimeoutCallback::OnTimer() noexcept {
+  m_firing.fetch_add(1);
+  FileInterceptorEvent* event = m_event.load();
+  const qeb::result_t result = event ? event->OnTimeout() : qeb::res::False;
+  if (m_firing.fetch_sub(1) == 1) m_firing.notify_all();
+  return result;
+}
+
+void TimeoutCallback::Detach() noexcept {
+  m_event.store(nullptr);
+  for (uint32_t firing = m_firing.load(); firing != 0; firing = m_firing.load()) m_firing.wait(firing);
+}
 
 }  // namespace nox::oas

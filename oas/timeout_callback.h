@@ -1,7 +1,8 @@
 // The timer's handle on an interceptor event: 24 bytes holding its interface table, a
-// plain pointer back to the event and its own reference count. It never owns the event;
-// the event cancels the timer before it dies, so the pointer is valid whenever it fires.
-// The callback frees itself on its last release and counts as a module object meanwhile.
+// non-owning pointer back to the event, its reference count and a count of firings in
+// progress. The event cancels the timer and then detaches the callback before it dies, so
+// a timer that refused the cancel finds nothing to call. The callback frees itself on its
+// last release and counts as a module object meanwhile.
 #pragma once
 
 #include <atomic>
@@ -29,12 +30,16 @@ class TimeoutCallback final : public qeb::ITimerCallback {
   qeb::result_t QueryInterface(qeb::iid_t iid, void** out) noexcept override;
   qeb::result_t OnTimer() noexcept override;
 
+  // No firing reaches the event once this returns; a firing already inside it is waited for.
+  void Detach() noexcept;
+
  private:
   friend struct std::default_delete<TimeoutCallback>;
   ~TimeoutCallback();
 
-  FileInterceptorEvent* m_event;
+  std::atomic<FileInterceptorEvent*> m_event;
   std::atomic<uint32_t> m_refs{1};
+  std::atomic<uint32_t> m_firing{0};
 };
 
 }  // namespace nox::oas

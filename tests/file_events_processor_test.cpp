@@ -178,6 +178,7 @@ TEST_F(ProcessorTest, FailuresToDispatchBlockTheFileWithoutLeaks) {
                 "Unexpected exception in OnEvent. Blocking access to file: /srv/data/file.bin"),
             3u);
   EXPECT_EQ(qeb::module::ObjectCount(), baseline);
+  EXPECT_TRUE(host.verdictNotifier->Verdicts().empty()) << "the failure answered them already";
 
   host.threadPoolFactory->LastPool()->Refuse(res::Ok);
   vrel::EventParams unlink = MakeParams(4, "/srv/gone");
