@@ -7,6 +7,7 @@
 #include <mutex>
 #include <utility>
 
+#include "testing/fault_injection.h"
 #include "testing/host_object.h"
 
 namespace qeb::testing {
@@ -30,6 +31,7 @@ class FakeApplication : public object::Ifaces<nox::IApplication> {
   explicit FakeApplication(std::string path) : m_path(std::move(path)) {}
 
   result_t GetPath(std::string& path) noexcept override {
+    OAS_FAULT_POINT("application GetPath");
     try {
       path = m_path;
       return res::Ok;
@@ -48,6 +50,7 @@ class FakeCategory : public object::Ifaces<nox::ICategory> {
       : m_state(std::move(state)), m_name(std::move(name)) {}
 
   result_t GetName(std::u16string& name) noexcept override {
+    OAS_FAULT_POINT("category GetName");
     {
       std::lock_guard lock(m_state->mutex);
       if (QEB_FAILED(m_state->nameFailure)) return m_state->nameFailure;
@@ -73,6 +76,7 @@ result_t FakeApplicationCatalog::GetApplicationByPath(const char* path,
                                                       nox::IApplication** application) noexcept {
   if (!path || !application) return res::InvalidArgument;
   *application = nullptr;
+  OAS_FAULT_POINT("application provider GetApplicationByPath");
   try {
     std::lock_guard lock(m_state->mutex);
     ++m_state->lookups;
@@ -89,6 +93,7 @@ result_t FakeApplicationCatalog::CategorizeFirst(nox::IApplication* application,
                                                  nox::ICategory** category) noexcept {
   if (!application || !category) return res::InvalidArgument;
   *category = nullptr;
+  OAS_FAULT_POINT("application categorizer CategorizeFirst");
   try {
     std::string path;
     const result_t r = application->GetPath(path);

@@ -7,6 +7,7 @@
 
 #include "framework/qeb/object_wrapper.h"
 #include "interfaces/nox/containers.h"
+#include "testing/fault_injection.h"
 
 namespace qeb::testing {
 
@@ -14,6 +15,7 @@ class FakeContainersMonitor : public object::Ifaces<nox::containers::IContainers
  public:
   result_t DescribeNamespace(uint64_t mountNamespace,
                              nox::containers::ContainerDescription& description) noexcept override {
+    OAS_FAULT_POINT("containers monitor DescribeNamespace");
     std::lock_guard lock(m_mutex);
     ++m_requests;
     auto it = m_containers.find(mountNamespace);

@@ -8,12 +8,14 @@
 
 #include "framework/qeb/object_wrapper.h"
 #include "interfaces/nox/event_publisher.h"
+#include "testing/fault_injection.h"
 
 namespace qeb::testing {
 
 class FakeEventPublisher : public object::Ifaces<nox::IEventPublisher> {
  public:
   result_t Publish(nox::ProcessingErrorEvent&& event) noexcept override {
+    OAS_FAULT_POINT("event publisher Publish");
     std::lock_guard lock(m_mutex);
     if (QEB_FAILED(m_failure)) return m_failure;
     m_events.push_back(std::move(event));

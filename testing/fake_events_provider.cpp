@@ -2,10 +2,13 @@
 // would call them, so tests can deliver from several threads at once.
 #include "testing/fake_events_provider.h"
 
+#include "testing/fault_injection.h"
+
 namespace qeb::testing {
 
 result_t FakeEventsProvider::Subscribe(nox::IFileEventsReceiver* receiver,
                                        const nox::FileEventsSubscription& subscription) noexcept {
+  OAS_FAULT_POINT("events provider Subscribe");
   const result_t r = m_receivers.Add(receiver);
   if (QEB_SUCCEEDED(r)) {
     std::lock_guard lock(m_mutex);
@@ -16,6 +19,7 @@ result_t FakeEventsProvider::Subscribe(nox::IFileEventsReceiver* receiver,
 
 result_t FakeEventsProvider::Resubscribe(nox::IFileEventsReceiver*,
                                          const nox::FileEventsSubscription& subscription) noexcept {
+  OAS_FAULT_POINT("events provider Resubscribe");
   std::lock_guard lock(m_mutex);
   ++m_resubscribeCalls;
   if (QEB_FAILED(m_resubscribeRefusal)) return m_resubscribeRefusal;
@@ -24,6 +28,7 @@ result_t FakeEventsProvider::Resubscribe(nox::IFileEventsReceiver*,
 }
 
 result_t FakeEventsProvider::Unsubscribe(nox::IFileEventsReceiver* receiver) noexcept {
+  OAS_FAULT_POINT("events provider Unsubscribe");
   return m_receivers.Remove(receiver);
 }
 

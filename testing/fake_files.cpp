@@ -12,6 +12,7 @@
 #include <stdexcept>
 #include <vector>
 
+#include "testing/fault_injection.h"
 #include "testing/host_object.h"
 
 namespace qeb::testing {
@@ -35,12 +36,14 @@ FdIO::~FdIO() {
 }
 
 result_t FdIO::Seek(uint64_t position) noexcept {
+  OAS_FAULT_POINT("io Seek");
   m_position = position;
   return res::Ok;
 }
 
 result_t FdIO::Read(void* buffer, uint32_t size, uint32_t& read) noexcept {
   read = 0;
+  OAS_FAULT_POINT("io Read");
   auto* out = static_cast<char*>(buffer);
   while (read < size) {
     const ssize_t n = ::pread(m_fd, out + read, size - read, static_cast<off_t>(m_position));
@@ -60,6 +63,7 @@ result_t FakeFileFactory::CreateFile(const char* path, io_access_mode access, io
                                      IIO** io) noexcept {
   if (!io || !path) return res::InvalidArgument;
   *io = nullptr;
+  OAS_FAULT_POINT("file factory CreateFile");
   {
     std::lock_guard lock(m_mutex);
     m_lastCreate = CreateFileCall{path, access, share, disposition, flags};
@@ -78,6 +82,7 @@ result_t FakeFileFactory::CreateFile(const char* path, io_access_mode access, io
 result_t FakeFileFactory::GetIO(int fd, IIO** io) noexcept {
   if (!io) return res::InvalidArgument;
   *io = nullptr;
+  OAS_FAULT_POINT("fd file factory GetIO");
   {
     std::lock_guard lock(m_mutex);
     if (QEB_FAILED(m_fdFailure)) return m_fdFailure;
@@ -157,6 +162,7 @@ class FakeIoRecognizer : public object::Ifaces<nox::IIoRecognizer> {
 
   result_t Recognize(IIO* io) noexcept override {
     if (!io) return res::InvalidArgument;
+    OAS_FAULT_POINT("io recognizer Recognize");
     try {
       std::string head(FakeFormatRecognizer::HeadSize, '\0');
       uint32_t read = 0;
@@ -184,6 +190,7 @@ result_t FakeFormatRecognizer::CreateIoRecognizer(const nox::IoRecognizerParams&
                                                   nox::IIoRecognizer** recognizer) noexcept {
   if (!recognizer) return res::InvalidArgument;
   *recognizer = nullptr;
+  OAS_FAULT_POINT("format recognizer CreateIoRecognizer");
   try {
     std::lock_guard lock(m_state->mutex);
     m_state->lastParams = params;

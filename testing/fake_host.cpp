@@ -33,4 +33,12 @@ FakeHost::FakeHost()
   applications->RegisterWith(*locator);
 }
 
+void FakeHost::Shutdown() {
+  sharesParser->Subscribers().Clear();
+  eventsProvider->Receivers().Clear();
+  mountSubscription->Subscribers().Clear();
+  timer->DisarmAll();
+  metricsRegistry->DropAll();
+}
+
 }  // namespace qeb::testing

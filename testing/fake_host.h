@@ -53,6 +53,11 @@ struct FakeHost {
   objptr_t<FakeMountProvider> mountProvider = MakeHostObject<FakeMountProvider>();
 
   IServiceLocator* Locator() const { return locator.Get(); }
+
+  // What the host does when it stops: its providers, timer and metrics registry let go
+  // of whatever the module left with them (after a refused unsubscribe, for instance),
+  // which ends any reference cycle through the locator.
+  void Shutdown();
 };
 
 }  // namespace qeb::testing

@@ -2,11 +2,13 @@
 #include "testing/fake_info_caches.h"
 
 #include "framework/qeb/utf.h"
+#include "testing/fault_injection.h"
 
 namespace qeb::testing {
 
 result_t FakeUserInfoCache::NoteEventUser(uint64_t mountNamespace, const std::string& fileName,
                                           uint32_t uid) noexcept {
+  OAS_FAULT_POINT("user info cache NoteEventUser");
   try {
     std::lock_guard lock(m_mutex);
     m_notes.push_back({mountNamespace, fileName, uid});
@@ -19,6 +21,7 @@ result_t FakeUserInfoCache::NoteEventUser(uint64_t mountNamespace, const std::st
 
 result_t FakeUserInfoCache::GetFileOwner(uint64_t mountNamespace, const std::string& fileName,
                                          nox::UserInfo& info) noexcept {
+  OAS_FAULT_POINT("user info cache GetFileOwner");
   try {
     std::lock_guard lock(m_mutex);
     if (QEB_FAILED(m_failure)) return m_failure;
@@ -44,6 +47,7 @@ std::vector<NotedUser> FakeUserInfoCache::Notes() const {
 }
 
 result_t FakeFileInfoCache::NoteDeepNestedFile(uint64_t mountNamespace, int32_t fd) noexcept {
+  OAS_FAULT_POINT("file info cache NoteDeepNestedFile");
   try {
     std::lock_guard lock(m_mutex);
     m_deepNested.emplace_back(mountNamespace, fd);
@@ -55,6 +59,7 @@ result_t FakeFileInfoCache::NoteDeepNestedFile(uint64_t mountNamespace, int32_t 
 
 result_t FakeFileInfoCache::GetFileInfo(uint64_t mountNamespace, const std::string& fileName,
                                         nox::FileInfo& info) noexcept {
+  OAS_FAULT_POINT("file info cache GetFileInfo");
   try {
     std::lock_guard lock(m_mutex);
     if (QEB_FAILED(m_failure)) return m_failure;

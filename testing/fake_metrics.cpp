@@ -5,16 +5,19 @@
 
 #include <utility>
 
+#include "testing/fault_injection.h"
 #include "testing/host_object.h"
 
 namespace qeb::testing {
 
 result_t FakeCounter::Increment(uint64_t n) noexcept {
+  OAS_FAULT_POINT("counter Increment");
   m_value += n;
   return res::Ok;
 }
 
 result_t FakeGauge::Set(int64_t value) noexcept {
+  OAS_FAULT_POINT("gauge Set");
   m_value = value;
   return res::Ok;
 }
@@ -33,10 +36,12 @@ result_t FakeMetricsFactory::Create(std::map<std::string, objptr_t<Fake>>& made,
 
 result_t FakeMetricsFactory::CreateCounter(const char* name, const char*,
                                            monitoring::ICounter** counter) noexcept {
+  OAS_FAULT_POINT("metrics factory CreateCounter");
   return Create(m_counters, name, counter);
 }
 
 result_t FakeMetricsFactory::CreateGauge(const char* name, const char*, monitoring::IGauge** gauge) noexcept {
+  OAS_FAULT_POINT("metrics factory CreateGauge");
   return Create(m_gauges, name, gauge);
 }
 
@@ -62,6 +67,7 @@ std::optional<int64_t> FakeMetricsFactory::Gauge(const std::string& name) const 
 result_t FakeMetricsRegistry::Register(qeb::telemetry::IMetricsCollector* collector,
                                        uint64_t* handle) noexcept {
   if (!collector || !handle) return res::InvalidArgument;
+  OAS_FAULT_POINT("metrics registry Register");
   std::lock_guard lock(m_mutex);
   if (QEB_FAILED(m_registerResult)) return m_registerResult;
   *handle = m_nextHandle++;
@@ -70,6 +76,7 @@ result_t FakeMetricsRegistry::Register(qeb::telemetry::IMetricsCollector* collec
 }
 
 result_t FakeMetricsRegistry::Unregister(uint64_t handle) noexcept {
+  OAS_FAULT_POINT("metrics registry Unregister");
   std::function<void(uint64_t)> hook;
   {
     std::lock_guard lock(m_mutex);
@@ -86,6 +93,12 @@ result_t FakeMetricsRegistry::Unregister(uint64_t handle) noexcept {
     m_collectors.erase(it);
   }
   return res::Ok;
+}
+
+void FakeMetricsRegistry::DropAll() {
+  std::map<uint64_t, objptr_t<qeb::telemetry::IMetricsCollector>> dropped;
+  std::lock_guard lock(m_mutex);
+  dropped.swap(m_collectors);
 }
 
 void FakeMetricsRegistry::FailRegistration(result_t code) {

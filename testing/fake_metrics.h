@@ -64,6 +64,8 @@ class FakeMetricsRegistry : public object::Ifaces<qeb::telemetry::IMetricsRegist
   result_t Unregister(uint64_t handle) noexcept override;
 
   void FailRegistration(result_t code);
+  // Lets go of every collector still registered, as a registry that stops does.
+  void DropAll();
   // Runs every registered collector, outside the registry's lock; answers how many ran.
   size_t Collect();
   size_t Registered() const;

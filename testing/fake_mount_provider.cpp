@@ -4,9 +4,12 @@
 
 #include <utility>
 
+#include "testing/fault_injection.h"
+
 namespace qeb::testing {
 
 result_t FakeMountProvider::GetMountList(nox::MountList& mounts) noexcept {
+  OAS_FAULT_POINT("mount provider GetMountList");
   try {
     std::lock_guard lock(m_mutex);
     ++m_calls;

@@ -4,14 +4,21 @@
 
 #include "framework/qeb/object_wrapper.h"
 #include "interfaces/nox/mounts.h"
+#include "testing/fault_injection.h"
 #include "testing/subscriber_list.h"
 
 namespace qeb::testing {
 
 class FakeMountSubscription : public object::Ifaces<nox::IMountSubscription> {
  public:
-  result_t Subscribe(nox::IMountEvents* s) noexcept override { return m_subscribers.Add(s); }
-  result_t Unsubscribe(nox::IMountEvents* s) noexcept override { return m_subscribers.Remove(s); }
+  result_t Subscribe(nox::IMountEvents* s) noexcept override {
+    OAS_FAULT_POINT("mount subscription Subscribe");
+    return m_subscribers.Add(s);
+  }
+  result_t Unsubscribe(nox::IMountEvents* s) noexcept override {
+    OAS_FAULT_POINT("mount subscription Unsubscribe");
+    return m_subscribers.Remove(s);
+  }
 
   void AnnounceChange(const nox::MountList& added, const nox::MountList& removed,
                       const nox::MountList& current) {

@@ -5,6 +5,8 @@
 
 #include <stdexcept>
 
+#include "testing/fault_injection.h"
+
 namespace qeb::testing {
 namespace {
 
@@ -28,6 +30,7 @@ SeenRecord ReadCallback(avengine::object_skip::IObjectSkipCallback* callback) {
 
 result_t FakeObjectSkipChecker::Check(const vrel::EventParams&,
                                       avengine::object_skip::IObjectSkipCallback* callback) {
+  OAS_THROWING_FAULT_POINT("skip checker Check");
   const SeenRecord seen = ReadCallback(callback);
   std::lock_guard lock(m_mutex);
   ++m_calls;

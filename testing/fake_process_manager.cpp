@@ -6,6 +6,7 @@
 #include <set>
 #include <utility>
 
+#include "testing/fault_injection.h"
 #include "testing/host_object.h"
 
 namespace qeb::testing {
@@ -38,7 +39,10 @@ class FakeProcessInformation : public object::Ifaces<IProcessInformation> {
   explicit FakeProcessInformation(std::function<result_t(ProcessInfo&)> read)
       : m_read(std::move(read)) {}
 
-  result_t GetInformation(ProcessInfo& info) noexcept override { return m_read(info); }
+  result_t GetInformation(ProcessInfo& info) noexcept override {
+    OAS_FAULT_POINT("process information GetInformation");
+    return m_read(info);
+  }
 
  private:
   std::function<result_t(ProcessInfo&)> m_read;
@@ -51,6 +55,7 @@ FakeProcessManager::FakeProcessManager() : m_table(std::make_shared<Table>()) {}
 result_t FakeProcessManager::GetInformation(uint32_t pid, IProcessInformation** process) noexcept {
   if (!process) return res::InvalidArgument;
   *process = nullptr;
+  OAS_FAULT_POINT("process manager GetInformation");
   {
     std::lock_guard lock(m_table->mutex);
     ++m_table->lookups;

@@ -6,10 +6,15 @@
 #include <thread>
 
 #include "framework/qeb/exception.h"
+#include "testing/fault_injection.h"
 
 namespace qeb::testing {
 
+// The time a late scanner asks for; the fake timer fires only when told to, whatever it is.
+constexpr vrel::duration_t kLateTimeout = 5000;
+
 result_t FakeScanner::OnEvent(vrel::IEvent085* event, uint32_t context) noexcept {
+  OAS_FAULT_POINT("scanner OnEvent");
   return Handle(event, context, false);
 }
 
@@ -18,6 +23,7 @@ result_t FakeScanner::OnEventCancelled(vrel::IEvent085*, uint32_t) noexcept {
 }
 
 result_t FakeScanner::OnNotification(vrel::IEvent085* event, uint32_t context) noexcept {
+  OAS_FAULT_POINT("scanner OnNotification");
   return Handle(event, context, true);
 }
 
@@ -61,6 +67,12 @@ result_t FakeScanner::Handle(vrel::IEvent085* event, uint32_t context, bool noti
         m_kept.emplace_back(event);
         break;
       }
+      case ScannerAction::ReplyLater: {
+        event->Pend(kLateTimeout);
+        std::lock_guard lock(m_mutex);
+        m_late.emplace_back(objptr_t<vrel::IEvent085>(event), script);
+        break;
+      }
       case ScannerAction::Throw:
         try {
           throw std::runtime_error("scanner failure");
@@ -101,6 +113,19 @@ void FakeScanner::WaitForCalls(size_t count) const {
 size_t FakeScanner::KeptCount() const {
   std::lock_guard lock(m_mutex);
   return m_kept.size();
+}
+
+size_t FakeScanner::ReplyLate() {
+  std::vector<std::pair<objptr_t<vrel::IEvent085>, ScannerScript>> late;
+  {
+    std::lock_guard lock(m_mutex);
+    late.swap(m_late);
+  }
+  for (auto& [event, script] : late) {
+    ScannerCall call;
+    Answer(event.Get(), script, call);
+  }
+  return late.size();
 }
 
 void FakeScanner::ReleaseKept() {

@@ -1,7 +1,8 @@
 // A scriptable scanner: the event handler the module hands its events to. Each event
 // gets a script (by default the one set last, or one chosen per event) saying which
-// target verdicts to set and how to answer: at once, after a delay, twice, never
-// (keeping a reference on the event until told to let go) or by failing inside.
+// target verdicts to set and how to answer: at once, after a delay, twice, later from
+// another thread, never (keeping a reference on the event until told to let go) or by
+// failing inside.
 #pragma once
 
 #include <chrono>
@@ -9,6 +10,7 @@
 #include <functional>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "framework/qeb/object_wrapper.h"
@@ -22,6 +24,9 @@ enum class ScannerAction {
   ReplyAfterDelay,
   ReplyTwice,
   NeverReply,
+  // Asks for more time (Pend), keeps the event and answers it when ReplyLate is called,
+  // on that caller's thread, as a scanner does that finishes after the handler returned.
+  ReplyLater,
   // Throws inside the handler, which answers the exception's code as any interface must.
   Throw,
 };
@@ -56,6 +61,8 @@ class FakeScanner : public object::Ifaces<vrel::IEventHandler085> {
   size_t KeptCount() const;
   // Drops the references kept for events never answered.
   void ReleaseKept();
+  // Answers the events kept by ReplyLater, then lets them go; answers how many there were.
+  size_t ReplyLate();
 
  private:
   result_t Handle(vrel::IEvent085* event, uint32_t context, bool notification);
@@ -68,6 +75,7 @@ class FakeScanner : public object::Ifaces<vrel::IEventHandler085> {
   std::function<ScannerScript(vrel::IEvent085*)> m_chooser;
   std::vector<ScannerCall> m_calls;
   std::vector<objptr_t<vrel::IEvent085>> m_kept;
+  std::vector<std::pair<objptr_t<vrel::IEvent085>, ScannerScript>> m_late;
 };
 
 }  // namespace qeb::testing

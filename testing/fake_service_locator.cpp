@@ -2,11 +2,14 @@
 // the interface outside it, as a real locator must to avoid lock-order trouble.
 #include "testing/fake_service_locator.h"
 
+#include "testing/fault_injection.h"
+
 namespace qeb::testing {
 
 result_t FakeServiceLocator::GetInterface(iid_t iid, uint32_t serviceKey, void** out) noexcept {
   if (!out) return res::InvalidArgument;
   *out = nullptr;
+  OAS_FAULT_POINT("locator GetInterface");
   objptr_t<IObject> service;
   {
     std::lock_guard lock(m_mutex);

@@ -4,14 +4,19 @@
 
 #include "framework/qeb/object_wrapper.h"
 #include "interfaces/nox/shares.h"
+#include "testing/fault_injection.h"
 #include "testing/subscriber_list.h"
 
 namespace qeb::testing {
 
 class FakeSharesParser : public object::Ifaces<nox::ISharesParser> {
  public:
-  result_t Subscribe(nox::ISharesParserEvents* s) noexcept override { return m_subscribers.Add(s); }
+  result_t Subscribe(nox::ISharesParserEvents* s) noexcept override {
+    OAS_FAULT_POINT("shares parser Subscribe");
+    return m_subscribers.Add(s);
+  }
   result_t Unsubscribe(nox::ISharesParserEvents* s) noexcept override {
+    OAS_FAULT_POINT("shares parser Unsubscribe");
     return m_subscribers.Remove(s);
   }
 

@@ -10,6 +10,7 @@
 #include "framework/qeb/object_wrapper.h"
 #include "interfaces/nox/event_publisher.h"
 #include "interfaces/nox/task_manager.h"
+#include "testing/fault_injection.h"
 
 namespace qeb::testing {
 
@@ -21,6 +22,7 @@ class FakeTaskManager : public object::Ifaces<nox::INoxTaskManager> {
   // A real host answers a refresh by pushing the task's settings again; the hook lets a
   // test do that (typically calling the interceptor's SetSettings) on the refreshing thread.
   result_t RefreshTaskSettings(const char16_t* taskName) noexcept override {
+    OAS_FAULT_POINT("task manager RefreshTaskSettings");
     std::function<void()> onRefresh;
     result_t result;
     {
@@ -39,6 +41,7 @@ class FakeTaskManager : public object::Ifaces<nox::INoxTaskManager> {
   }
 
   result_t FillTaskInfo(nox::ProcessingErrorEvent& event, const char16_t* userName) noexcept override {
+    OAS_FAULT_POINT("task manager FillTaskInfo");
     std::lock_guard lock(m_mutex);
     m_fillUsers.emplace_back(userName ? userName : u"");
     if (QEB_FAILED(m_fillFailure)) return m_fillFailure;

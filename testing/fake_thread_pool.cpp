@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "testing/fault_injection.h"
 #include "testing/host_object.h"
 
 namespace qeb::testing {
@@ -21,6 +22,7 @@ FakeThreadPool::~FakeThreadPool() {
 
 result_t FakeThreadPool::AddTask(IRunnable* task, uint32_t) noexcept {
   if (!task) return res::InvalidArgument;
+  OAS_FAULT_POINT("thread pool AddTask");
   {
     std::lock_guard lock(m_mutex);
     if (QEB_FAILED(m_refusal)) return m_refusal;
@@ -81,6 +83,7 @@ result_t FakeThreadPoolFactory::CreateThreadPool(const ThreadPoolParams& params,
                                                  IThreadPool2** pool) noexcept {
   if (!pool) return res::InvalidArgument;
   *pool = nullptr;
+  OAS_FAULT_POINT("thread pool factory CreateThreadPool");
   std::lock_guard lock(m_mutex);
   m_requests.push_back(params);
   if (QEB_FAILED(m_failure)) return m_failure;

@@ -2,10 +2,13 @@
 // it in flight under the lock, so CancelTimer knows to wait for it.
 #include "testing/fake_timer.h"
 
+#include "testing/fault_injection.h"
+
 namespace qeb::testing {
 
 result_t FakeTimer::SetTimer(ITimerCallback* callback, timer_duration_t timeout) noexcept {
   if (!callback) return res::InvalidArgument;
+  OAS_FAULT_POINT("timer SetTimer");
   objptr_t<ITimerCallback> previous;
   std::lock_guard lock(m_mutex);
   m_arms.push_back({callback, timeout});
@@ -17,10 +20,12 @@ result_t FakeTimer::SetTimer(ITimerCallback* callback, timer_duration_t timeout)
 }
 
 result_t FakeTimer::SetPeriodicTimer(ITimerCallback*, timer_duration_t) noexcept {
+  OAS_FAULT_POINT("timer SetPeriodicTimer");
   return res::NotImplemented;
 }
 
 result_t FakeTimer::GetTimeLeft(ITimerCallback* callback, timer_duration_t& left) noexcept {
+  OAS_FAULT_POINT("timer GetTimeLeft");
   std::lock_guard lock(m_mutex);
   if (!m_armed.count(callback)) return res::NotFound;
   left = m_timeouts[callback];
@@ -28,11 +33,13 @@ result_t FakeTimer::GetTimeLeft(ITimerCallback* callback, timer_duration_t& left
 }
 
 result_t FakeTimer::RestartTimer(ITimerCallback* callback) noexcept {
+  OAS_FAULT_POINT("timer RestartTimer");
   std::lock_guard lock(m_mutex);
   return m_armed.count(callback) ? res::Ok : res::NotFound;
 }
 
 result_t FakeTimer::CancelTimer(ITimerCallback* callback) noexcept {
+  OAS_FAULT_POINT("timer CancelTimer");
   objptr_t<ITimerCallback> removed;
   std::unique_lock lock(m_mutex);
   m_cancels.push_back(callback);
@@ -63,6 +70,12 @@ size_t FakeTimer::FireAll() {
     m_fired.notify_all();
   }
   return due.size();
+}
+
+void FakeTimer::DisarmAll() {
+  std::map<const ITimerCallback*, objptr_t<ITimerCallback>> dropped;
+  std::lock_guard lock(m_mutex);
+  dropped.swap(m_armed);
 }
 
 void FakeTimer::FailArming(result_t code) {

@@ -29,6 +29,8 @@ class FakeTimer : public object::Ifaces<ITimerService> {
 
   // Fires every armed callback once and disarms it; returns how many fired.
   size_t FireAll();
+  // Disarms everything without firing, as a timer service that stops does.
+  void DisarmAll();
   // SetTimer answers code from now on (0 to arm again).
   void FailArming(result_t code);
 

@@ -1,13 +1,20 @@
-// One log behind both notifier faces; a failing notifier records nothing, as a layer
-// that refused the verdict has not acted on it.
+// One log behind both notifier faces; a failing notifier records nothing but the
+// refusal, as a layer that refused the verdict has not acted on it.
 #include "testing/fake_verdict_notifier.h"
+
+#include "testing/fault_injection.h"
 
 namespace qeb::testing {
 
 result_t VerdictLog::Record(uint32_t verdict, const vrel::EventParams& params,
                             std::optional<vrel::ReplyKey> key) {
+  const result_t fault = FaultPoint("verdict notifier SetVerdict");
   std::lock_guard lock(m_mutex);
-  if (QEB_FAILED(m_failure)) return m_failure;
+  const result_t refusal = QEB_FAILED(fault) ? fault : m_failure;
+  if (QEB_FAILED(refusal)) {
+    m_refused.push_back(params.cookie);
+    return refusal;
+  }
   m_verdicts.push_back({verdict, params.cookie, key});
   m_delivered.notify_all();
   return res::Ok;
@@ -21,6 +28,11 @@ void VerdictLog::Fail(result_t code) {
 std::vector<DeliveredVerdict> VerdictLog::Verdicts() const {
   std::lock_guard lock(m_mutex);
   return m_verdicts;
+}
+
+std::vector<uint64_t> VerdictLog::Refused() const {
+  std::lock_guard lock(m_mutex);
+  return m_refused;
 }
 
 std::map<uint64_t, size_t> VerdictLog::CountsByCookie() const {

@@ -26,6 +26,8 @@ class VerdictLog {
   // SetVerdict answers code from now on, recording nothing (0 to accept again).
   void Fail(result_t code);
   std::vector<DeliveredVerdict> Verdicts() const;
+  // Record cookies of the verdicts refused, in order.
+  std::vector<uint64_t> Refused() const;
   // Verdicts delivered per record cookie.
   std::map<uint64_t, size_t> CountsByCookie() const;
   // Blocks until at least count verdicts were delivered.
@@ -39,6 +41,7 @@ class VerdictLog {
   mutable std::mutex m_mutex;
   mutable std::condition_variable m_delivered;
   std::vector<DeliveredVerdict> m_verdicts;
+  std::vector<uint64_t> m_refused;
   result_t m_failure = res::Ok;
 };
 

@@ -35,6 +35,13 @@ class SubscriberList {
     return res::Ok;
   }
 
+  // Lets go of every subscriber, as a provider that stops does.
+  void Clear() {
+    std::vector<objptr_t<I>> dropped;
+    std::lock_guard lock(m_mutex);
+    dropped.swap(m_subscribers);
+  }
+
   // Subscribe calls answer code from now on (0 to accept again).
   void Refuse(result_t code) {
     std::lock_guard lock(m_mutex);
