@@ -67,13 +67,12 @@ qeb::result_t ApplicationCatalog::GetApplicationByPath(const char* path,
                                                        nox::IApplication** application) noexcept {
   if (!path || !application) return qeb::res::InvalidArgument;
   *application = nullptr;
+  // Every executable is an application; most simply have no category. Refusing the
+  // uncategorised ones would make every check of an ordinary process an error. Only a
+  // process without an image (gone, or a kernel thread) has none.
+  if (*path == '\0') return qeb::res::NotFound;
   try {
-    const std::string imagePath(path);
-    {
-      std::lock_guard lock(m_mutex);
-      if (!CategoryOf(imagePath)) return qeb::res::NotFound;
-    }
-    *application = qeb::host::MakeHostObject<Application>(imagePath).Detach();
+    *application = qeb::host::MakeHostObject<Application>(std::string(path)).Detach();
     return qeb::res::Ok;
   } catch (...) {
     return qeb::res::OutOfMemory;

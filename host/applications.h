@@ -21,7 +21,7 @@ class ApplicationCatalog
 
   void Reload(std::map<std::string, std::string> applications);
 
-  // NotFound for an executable the catalogue does not name.
+  // An application for any executable (categorised or not); NotFound for an empty path.
   qeb::result_t GetApplicationByPath(const char* path, nox::IApplication** application) noexcept override;
   qeb::result_t CategorizeFirst(nox::IApplication* application, nox::ICategory** category) noexcept override;
 

@@ -1,6 +1,7 @@
 // Start-up builds the services in dependency order and fails with a message naming what
-// could not start; the stop undoes it in reverse: filters down, interceptor released,
-// host threads stopped, locator cleared, module unmapped once it reports no live objects.
+// could not start; the stop undoes it in reverse: filters down, waiting opens allowed and
+// fanotify closed, interceptor released, host threads stopped, locator cleared, module
+// unmapped once it reports no live objects.
 // The main loop is a poll over a signalfd and an eventfd.
 #include "host/daemon.h"
 
@@ -23,6 +24,7 @@
 #include "host/config.h"
 #include "host/containers_monitor.h"
 #include "host/event_log.h"
+#include "host/fanotify_events_provider.h"
 #include "host/file_factories.h"
 #include "host/format_recognizer.h"
 #include "host/info_caches.h"
@@ -30,12 +32,14 @@
 #include "host/mount_table.h"
 #include "host/none_engine.h"
 #include "host/object_skip_checker.h"
+#include "host/permission_table.h"
 #include "host/process_manager.h"
 #include "host/service_locator.h"
 #include "host/task_manager.h"
 #include "host/thread_pool.h"
 #include "host/timer_service.h"
 #include "host/tracer.h"
+#include "host/verdict_notifier.h"
 #include "interfaces/qeb/module.h"
 #include "nox_tracing/tracing.h"
 
@@ -62,6 +66,9 @@ struct Services {
   objptr_t<ObjectSkipChecker> skipChecker;
   objptr_t<ThreadPoolFactory> threadPools;
   objptr_t<TimerService> timers;
+  objptr_t<FanotifyEventsProvider> fanotify;
+  std::shared_ptr<PermissionTable> permissions;  // shared with the notifier and the readers
+  objptr_t<VerdictNotifier> verdicts;
   objptr_t<ClamavEngine> clamav;  // set only with the ClamAV engine
   objptr_t<vrel::IEventHandler085> engine;
   objptr_t<ServiceLocator> locator = MakeHostObject<ServiceLocator>();
@@ -243,6 +250,10 @@ void SetUpSystemServices(Services& s, const HostOptions& options) {
   s.applications = MakeHostObject<ApplicationCatalog>(options.applications);
   s.userInfo = MakeHostObject<UserInfoCache>();
   s.fileInfo = MakeHostObject<FileInfoCache>();
+  // A clean text file whose change time has not moved passes from the module's cache
+  // without asking the checker; the checker is asked only about a file changed since it
+  // was found clean, and such a file must be scanned again (a text file can carry a test
+  // virus just as well), so it never lets one skip.
   s.skipChecker = MakeHostObject<ObjectSkipChecker>();
   s.threadPools = MakeHostObject<ThreadPoolFactory>(TracerOf(s));
   s.timers = MakeHostObject<TimerService>(TracerOf(s));
@@ -264,11 +275,37 @@ void RegisterSystemServices(Services& s) {
       s.skipChecker, avengine::object_skip::IObjectSkipChecker::ServiceKey);
   l.Register<qeb::IThreadPoolFactory>(s.threadPools);
   l.Register<qeb::ITimerService>(s.timers);
+  l.Register<nox::IEventsProvider>(s.fanotify);
+  l.Register<vrel::IFileVerdictNotifier>(s.verdicts);
+  l.Register<nox::vrelpp::IFileVerdictNotifierEx>(s.verdicts);
 }
 
+// The provider must be in the locator before the module is created: the module asks for
+// it then. Its groups exist from here on, but nothing is marked before SetupFilters.
+void SetUpInterception(Services& s, const HostOptions& options, HostMetrics& metrics) {
+  s.fanotify = MakeHostObject<FanotifyEventsProvider>(
+      TracerOf(s), metrics, objptr_t<nox::IMountProvider>(s.mounts.Get()),
+      objptr_t<nox::IMountSubscription>(s.mounts.Get()));
+  Require(s.fanotify->SetUp(), "cannot set up fanotify (oasd needs root)");
+  s.permissions = std::make_shared<PermissionTable>(
+      s.fanotify->Responder(), metrics, std::chrono::milliseconds(options.permissionDeadlineMs));
+  s.verdicts = MakeHostObject<VerdictNotifier>(s.permissions, metrics);
+}
+
+// The readers run before SetupFilters places the first mark, so no marked open waits for
+// a reader that has not started.
 void StartSystemServices(Services& s) {
   s.timers->Start();
   s.mounts->Start();
+  s.permissions->Start();
+  s.fanotify->Start(s.permissions);
+}
+
+// Every open still waiting is allowed and the marks go; the module's late verdicts only
+// close descriptors from now on.
+void TearDownInterception(Services& s) noexcept {
+  if (s.permissions) s.permissions->Drain();
+  if (s.fanotify) s.fanotify->TearDown();
 }
 
 // Threads that could still call into the module stop before it is let go.
@@ -314,6 +351,7 @@ void Daemon::StartProtection() {
   s.taskManager = MakeHostObject<TaskManager>(m_options.settings, [this] { PostRefresh(); });
   SetUpFiles(s);
   SetUpSystemServices(s, m_options);
+  SetUpInterception(s, m_options, m_metrics);
   SetUpEngine(s, m_options, m_metrics);
   RegisterServices(s);
   CreateInterceptor();
@@ -347,6 +385,7 @@ void Daemon::Stop() noexcept {
     }
   }
   m_filtersUp = false;
+  TearDownInterception(s);
   m_interceptor.Reset();
   if (s.metricsWriter) s.metricsWriter->TearDown();
   TearDownSystemServices(s);
