@@ -1,7 +1,8 @@
 // The host's format recognizer on libmagic: its io recognizers read the head of a file
-// through the io object they are given and ask libmagic for its MIME type; text/* is text.
-// It owns a pool of magic handles (one handle serves one thread at a time), shared with
-// every io recognizer it created, so they may outlive it.
+// through the io object they are given, settle binary heads with a byte check and ask
+// libmagic about the rest; text in any encoding libmagic knows is text. It owns a pool of
+// magic handles (one serves one thread at a time), shared with every io recognizer it
+// created, so they may outlive it.
 #pragma once
 
 #include <cstdint>

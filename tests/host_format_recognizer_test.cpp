@@ -69,6 +69,36 @@ TEST_F(HostFilesTest, RecognizesTextButNotBinariesOrEmptyFiles) {
   EXPECT_EQ(Recognize(other.Get(), dir.Write("more.txt", "words\n")), res::False);
 }
 
+// Text is decided by encoding: markup, data and scripts are text whatever their MIME name,
+// wide text counts behind a byte-order mark, and a control byte that text never holds makes
+// a file binary even when it starts like a script.
+TEST_F(HostFilesTest, TextMeansTextByEncodingWhateverItSays) {
+  ASSERT_EQ(recognizer_->SetUp(), res::Ok);
+  const auto text = MakeRecognizer({kTextFormat});
+  struct Case {
+    const char* name;
+    std::string content;
+    qeb::result_t expected;
+  };
+  const Case cases[] = {
+      {"data.json", "{\"a\": [1, 2], \"b\": \"c\"}\n", res::Ok},
+      {"image.svg", "<?xml version=\"1.0\"?>\n<svg xmlns=\"http://www.w3.org/2000/svg\"/>\n",
+       res::Ok},
+      {"page.html", "<!DOCTYPE html>\n<html><body>hi</body></html>\n", res::Ok},
+      {"tool.py", "#!/usr/bin/env python3\nprint('hi')\n", res::Ok},
+      {"latin1.txt", "caf\xE9 cr\xE8me\n", res::Ok},
+      {"utf8.txt", "caf\xC3\xA9\n", res::Ok},
+      {"controls.txt", "tab\there\r\n\x1B[1mbold\x1B[0m\fpage\n", res::Ok},
+      {"utf16.txt", std::string("\xFF\xFEh\0i\0\n\0", 8), res::Ok},
+      {"utf16-no-mark.txt", std::string("h\0i\0\n\0", 6), res::False},
+      {"installer.sh", std::string("#!/bin/sh\nexit 0\n\x1F\x8B\x08\0\0\0", 23), res::False},
+      {"soh.txt", "words\x01more words\n", res::False},
+      {"del.txt", "words\x7Fmore words\n", res::False},
+  };
+  for (const Case& c : cases)
+    EXPECT_EQ(Recognize(text.Get(), dir.Write(c.name, c.content)), c.expected) << c.name;
+}
+
 TEST_F(HostFilesTest, RecognizersMayRunOnManyThreadsAtOnce) {
   const auto text = MakeRecognizer({kTextFormat});
   const std::string file = dir.Write("notes.txt", "plain words\n");
