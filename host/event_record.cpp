@@ -12,7 +12,6 @@
 #include <charconv>
 #include <utility>
 
-#include "host/process_manager.h"
 #include "host/unique_fd.h"
 
 namespace oasd {
@@ -21,13 +20,10 @@ ProcessContextCache::ProcessContextCache(uint64_t ownNamespace, std::string proc
     : m_ownNamespace(ownNamespace), m_procRoot(std::move(procRoot)) {}
 
 ProcessContext ProcessContextCache::Lookup(int32_t pid, Clock::time_point now) {
-  if (const auto it = m_entries.find(pid); it != m_entries.end() && now - it->second.readAt < Lifetime)
-    return it->second.context;
+  if (const ProcessContext* recent = m_recent.Find(pid, now)) return *recent;
   ProcessContext context;
   context.nsid = m_ownNamespace;
-  if (!Read(pid, context)) return context;
-  MakeRoom(now);
-  m_entries.insert_or_assign(pid, Entry{context, now});
+  if (Read(pid, context)) m_recent.Put(pid, context, now);
   return context;
 }
 
@@ -43,12 +39,6 @@ bool ProcessContextCache::Read(int32_t pid, ProcessContext& context) const {
   if (const auto fields = ParseProcStat(statText))
     context.upid = ProcessIdentity(fields->startTicks, static_cast<uint64_t>(pid));
   return true;
-}
-
-void ProcessContextCache::MakeRoom(Clock::time_point now) {
-  if (m_entries.size() < Capacity) return;
-  std::erase_if(m_entries, [&](const auto& item) { return now - item.second.readAt >= Lifetime; });
-  if (m_entries.size() >= Capacity) m_entries.clear();
 }
 
 uint64_t FilesystemTypeCache::TypeOf(int fd, uint64_t dev) {

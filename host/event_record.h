@@ -13,6 +13,7 @@
 #include <string_view>
 #include <unordered_map>
 
+#include "host/process_manager.h"
 #include "interfaces/vrel/event_params.h"
 
 namespace oasd {
@@ -24,15 +25,10 @@ struct ProcessContext {
   uint64_t upid = 0;  // start time and pid: never reused while the host runs
 };
 
-// Opens come in bursts from the same processes, so the three /proc reads are made once per
-// process and second. An entry lives at most Lifetime: a pid names another process only
-// after the pid space wraps, and a wrap inside one second is what it would take to
-// describe a new process with an old one's entry.
+// The three /proc reads are made once per process and lifetime (see RecentProcesses).
 class ProcessContextCache {
  public:
-  using Clock = std::chrono::steady_clock;
-  static constexpr std::chrono::milliseconds Lifetime{1000};
-  static constexpr size_t Capacity = 4096;
+  using Clock = RecentProcesses<ProcessContext>::Clock;
 
   // ownNamespace stands in for a process that is gone before it could be read.
   explicit ProcessContextCache(uint64_t ownNamespace, std::string procRoot = "/proc");
@@ -41,17 +37,12 @@ class ProcessContextCache {
   ProcessContext Lookup(int32_t pid, Clock::time_point now);
 
  private:
-  struct Entry {
-    ProcessContext context;
-    Clock::time_point readAt;
-  };
   // false when the process went away first.
   bool Read(int32_t pid, ProcessContext& context) const;
-  void MakeRoom(Clock::time_point now);
 
   const uint64_t m_ownNamespace;
   const std::string m_procRoot;
-  std::unordered_map<int32_t, Entry> m_entries;
+  RecentProcesses<ProcessContext> m_recent;
 };
 
 // Filesystem magics by device; cleared when the mount list changes, since a device number

@@ -1,6 +1,8 @@
 // Every file of a process is read through one descriptor of its /proc directory: once
 // the process exits, reads through that descriptor fail instead of reaching a newer
-// process that took the pid. The information object only hands out the snapshot.
+// process that took the pid. The information object only hands out the snapshot, so the
+// same object may serve every lookup of the pid while it is recent. A failed read is not
+// remembered: the next lookup tries again.
 #include "host/process_manager.h"
 
 #include <fcntl.h>
@@ -115,8 +117,9 @@ std::optional<StatFields> ParseProcStat(std::string_view text) {
   return stat;
 }
 
-ProcessManager::ProcessManager(qeb::objptr_t<qeb::ITracer> tracer, std::string procRoot)
-    : m_tracer(std::move(tracer)), m_procRoot(std::move(procRoot)) {}
+ProcessManager::ProcessManager(qeb::objptr_t<qeb::ITracer> tracer, std::string procRoot,
+                               Recent::Clock::duration lifetime)
+    : m_tracer(std::move(tracer)), m_procRoot(std::move(procRoot)), m_recent(lifetime) {}
 
 qeb::result_t ProcessManager::ReadProcess(uint32_t pid, ProcessInfo& info) {
   const std::string dir = m_procRoot + "/" + std::to_string(pid);
@@ -143,10 +146,24 @@ qeb::result_t ProcessManager::GetInformation(uint32_t pid, IProcessInformation**
   if (!process) return qeb::res::InvalidArgument;
   *process = nullptr;
   try {
+    const auto now = Recent::Clock::now();
+    {
+      std::lock_guard lock(m_mutex);
+      if (const auto* recent = m_recent.Find(pid, now)) {
+        *process = qeb::objptr_t<IProcessInformation>(*recent).Detach();
+        return qeb::res::Ok;
+      }
+    }
     ProcessInfo info;
     const qeb::result_t result = ReadProcess(pid, info);
     if (QEB_FAILED(result)) return result;
-    *process = qeb::host::MakeHostObject<ProcessInformation>(std::move(info)).Detach();
+    qeb::objptr_t<IProcessInformation> read(
+        qeb::host::MakeHostObject<ProcessInformation>(std::move(info)));
+    {
+      std::lock_guard lock(m_mutex);
+      m_recent.Put(pid, read, now);
+    }
+    *process = read.Detach();
     return qeb::res::Ok;
   } catch (...) {
     return qeb::res::OutOfMemory;
