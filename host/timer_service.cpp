@@ -67,6 +67,7 @@ qeb::result_t TimerService::SetPeriodicTimer(qeb::ITimerCallback* callback,
 qeb::result_t TimerService::Arm(qeb::ITimerCallback* callback, qeb::timer_duration_t interval,
                                 bool periodic) {
   if (!callback) return qeb::res::InvalidArgument;
+  bool wake = false;
   try {
     std::lock_guard lock(m_mutex);
     if (m_stopped) return qeb::res::NotReady;
@@ -78,17 +79,18 @@ qeb::result_t TimerService::Arm(qeb::ITimerCallback* callback, qeb::timer_durati
       m_deadlines.erase(entry.deadline);
     entry.interval = interval;
     entry.periodic = periodic;
-    Schedule(entry);
+    wake = Schedule(entry);
   } catch (...) {
     return qeb::res::OutOfMemory;
   }
-  m_wake.notify_all();
+  if (wake) m_wake.notify_one();
   return qeb::res::Ok;
 }
 
-void TimerService::Schedule(Armed& entry) {
+bool TimerService::Schedule(Armed& entry) {
   const auto due = Clock::now() + Ms(entry.interval);
   entry.deadline = m_deadlines.emplace(due, entry.callback.Get());
+  return due < m_wakeAt;
 }
 
 qeb::result_t TimerService::GetTimeLeft(qeb::ITimerCallback* callback,
@@ -101,16 +103,17 @@ qeb::result_t TimerService::GetTimeLeft(qeb::ITimerCallback* callback,
 }
 
 qeb::result_t TimerService::RestartTimer(qeb::ITimerCallback* callback) noexcept {
+  bool wake = false;
   try {
     std::lock_guard lock(m_mutex);
     auto it = m_armed.find(callback);
     if (it == m_armed.end()) return qeb::res::NotFound;
     m_deadlines.erase(it->second.deadline);
-    Schedule(it->second);
+    wake = Schedule(it->second);
   } catch (...) {
     return qeb::res::OutOfMemory;
   }
-  m_wake.notify_all();
+  if (wake) m_wake.notify_one();
   return qeb::res::Ok;
 }
 
@@ -155,12 +158,16 @@ void TimerService::Run() {
       lock.lock();
       m_running = nullptr;
       m_finished.notify_all();
-    } else if (m_deadlines.empty()) {
-      m_wake.wait(lock);
     } else {
       // A copy: the entry may be erased while the lock is released inside the wait.
-      const Clock::time_point next = m_deadlines.begin()->first;
-      m_wake.wait_until(lock, next);
+      const Clock::time_point next =
+          m_deadlines.empty() ? Clock::time_point::max() : m_deadlines.begin()->first;
+      m_wakeAt = next;
+      if (next == Clock::time_point::max())
+        m_wake.wait(lock);
+      else
+        m_wake.wait_until(lock, next);
+      m_wakeAt = Clock::time_point::min();
     }
   }
 }

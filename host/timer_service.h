@@ -47,8 +47,9 @@ class TimerService : public qeb::object::Ifaces<qeb::ITimerService> {
   };
 
   qeb::result_t Arm(qeb::ITimerCallback* callback, qeb::timer_duration_t interval, bool periodic);
-  // Puts the entry at now + interval; m_mutex held.
-  void Schedule(Armed& entry);
+  // Puts the entry at now + interval; true when the timer thread must be woken to keep
+  // that deadline. m_mutex held.
+  bool Schedule(Armed& entry);
   // The callback to fire now, taken off the table (one-shot) or rescheduled (periodic);
   // null when none is due. m_mutex held.
   qeb::objptr_t<qeb::ITimerCallback> TakeDue(Clock::time_point now);
@@ -57,7 +58,12 @@ class TimerService : public qeb::object::Ifaces<qeb::ITimerService> {
 
   const qeb::objptr_t<qeb::ITracer> m_tracer;
   std::mutex m_mutex;
-  std::condition_variable m_wake;      // the table changed, or stop
+  std::condition_variable m_wake;      // a deadline came before m_wakeAt, or stop
+  // When the timer thread next looks at the table by itself: the deadline it sleeps until,
+  // max() when it sleeps with nothing armed, min() while it is awake (it looks before it
+  // sleeps again). Arming a later deadline wakes nobody: most timers are cancelled long
+  // before they are due, and waking the thread for each would cost every event a switch.
+  Clock::time_point m_wakeAt = Clock::time_point::min();
   std::condition_variable m_finished;  // a callback returned
   std::map<qeb::ITimerCallback*, Armed> m_armed;
   Deadlines m_deadlines;

@@ -5,13 +5,22 @@
 #include "testing/fault_injection.h"
 
 namespace qeb::testing {
+namespace {
+
+template <class T>
+void Remember(std::deque<T>& history, T item) {
+  history.push_back(item);
+  if (history.size() > FakeTimer::HistoryLength) history.pop_front();
+}
+
+}  // namespace
 
 result_t FakeTimer::SetTimer(ITimerCallback* callback, timer_duration_t timeout) noexcept {
   if (!callback) return res::InvalidArgument;
   OAS_FAULT_POINT("timer SetTimer");
   objptr_t<ITimerCallback> previous;
   std::lock_guard lock(m_mutex);
-  m_arms.push_back({callback, timeout});
+  Remember(m_arms, TimerArm{callback, timeout});
   if (QEB_FAILED(m_armFailure)) return m_armFailure;
   auto& slot = m_armed[callback];
   previous = std::exchange(slot, objptr_t<ITimerCallback>(callback));
@@ -42,12 +51,13 @@ result_t FakeTimer::CancelTimer(ITimerCallback* callback) noexcept {
   OAS_FAULT_POINT("timer CancelTimer");
   objptr_t<ITimerCallback> removed;
   std::unique_lock lock(m_mutex);
-  m_cancels.push_back(callback);
+  Remember(m_cancels, static_cast<const ITimerCallback*>(callback));
   auto it = m_armed.find(callback);
   const bool wasArmed = it != m_armed.end();
   if (wasArmed) {
     removed = std::move(it->second);
     m_armed.erase(it);
+    m_timeouts.erase(callback);
   }
   m_fired.wait(lock, [&] { return m_inFlight.count(callback) == 0; });
   return wasArmed ? res::Ok : res::False;
@@ -62,6 +72,7 @@ size_t FakeTimer::FireAll() {
       due.push_back(std::move(callback));
     }
     m_armed.clear();
+    m_timeouts.clear();
   }
   for (auto& callback : due) {
     callback->OnTimer();
@@ -76,6 +87,7 @@ void FakeTimer::DisarmAll() {
   std::map<const ITimerCallback*, objptr_t<ITimerCallback>> dropped;
   std::lock_guard lock(m_mutex);
   dropped.swap(m_armed);
+  m_timeouts.clear();
 }
 
 void FakeTimer::FailArming(result_t code) {
@@ -90,12 +102,12 @@ size_t FakeTimer::ArmedCount() const {
 
 std::vector<TimerArm> FakeTimer::Arms() const {
   std::lock_guard lock(m_mutex);
-  return m_arms;
+  return {m_arms.begin(), m_arms.end()};
 }
 
 std::vector<const ITimerCallback*> FakeTimer::Cancels() const {
   std::lock_guard lock(m_mutex);
-  return m_cancels;
+  return {m_cancels.begin(), m_cancels.end()};
 }
 
 }  // namespace qeb::testing

@@ -1,10 +1,12 @@
 // The fake host's timer: one-shot timers that never fire by themselves. Tests fire the
 // armed callbacks by hand, from any thread; a fired timer is disarmed, as a real one-shot
 // timer is. A cancel waits for a firing of the same callback that is still running, so
-// the owner of a callback may die right after cancelling it.
+// the owner of a callback may die right after cancelling it. It keeps what it holds bounded
+// (the armed timers and a recent history), so benchmarks may arm millions of timers.
 #pragma once
 
 #include <condition_variable>
+#include <deque>
 #include <map>
 #include <mutex>
 #include <vector>
@@ -34,8 +36,11 @@ class FakeTimer : public object::Ifaces<ITimerService> {
   // SetTimer answers code from now on (0 to arm again).
   void FailArming(result_t code);
 
+  // The history keeps the most recent calls only.
+  static constexpr size_t HistoryLength = 4096;
+
   size_t ArmedCount() const;
-  std::vector<TimerArm> Arms() const;  // every SetTimer, in order
+  std::vector<TimerArm> Arms() const;  // SetTimer calls, in order
   std::vector<const ITimerCallback*> Cancels() const;
 
  private:
@@ -44,8 +49,8 @@ class FakeTimer : public object::Ifaces<ITimerService> {
   std::map<const ITimerCallback*, objptr_t<ITimerCallback>> m_armed;
   std::map<const ITimerCallback*, timer_duration_t> m_timeouts;
   std::map<const ITimerCallback*, size_t> m_inFlight;
-  std::vector<TimerArm> m_arms;
-  std::vector<const ITimerCallback*> m_cancels;
+  std::deque<TimerArm> m_arms;
+  std::deque<const ITimerCallback*> m_cancels;
   result_t m_armFailure = res::Ok;
 };
 

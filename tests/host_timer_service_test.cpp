@@ -81,6 +81,26 @@ TEST_F(TimerServiceTest, OneShotFiresOnceAndLetsGo) {
   EXPECT_EQ(m_timers->SetPeriodicTimer(cb.Get(), 0), qeb::res::InvalidArgument);
 }
 
+// The timer thread is woken only for a deadline before the one it sleeps towards; one that
+// comes sooner must still fire on time, also once the later timer has been cancelled.
+TEST_F(TimerServiceTest, ASoonerDeadlineWakesAThreadSleepingTowardsALaterOne) {
+  auto later = MakeCallback();
+  auto sooner = MakeCallback();
+  ASSERT_EQ(m_timers->SetTimer(later.Get(), 600000), qeb::res::Ok);
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  ASSERT_EQ(m_timers->SetTimer(sooner.Get(), 1), qeb::res::Ok);
+  ASSERT_TRUE(Eventually([&] { return sooner->m_fired == 1; }));
+
+  ASSERT_EQ(m_timers->SetTimer(sooner.Get(), 300000), qeb::res::Ok);
+  ASSERT_EQ(m_timers->CancelTimer(later.Get()), qeb::res::Ok);
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  ASSERT_EQ(m_timers->RestartTimer(sooner.Get()), qeb::res::Ok);  // later than before: no wake
+  ASSERT_EQ(m_timers->CancelTimer(sooner.Get()), qeb::res::Ok);
+  ASSERT_EQ(m_timers->SetTimer(sooner.Get(), 1), qeb::res::Ok);
+  ASSERT_TRUE(Eventually([&] { return sooner->m_fired == 2; }));
+  EXPECT_EQ(later->m_fired, 0);
+}
+
 TEST_F(TimerServiceTest, CancelWaitsOutARunningCallback) {
   auto cb = MakeCallback();
   cb->m_busyFor = std::chrono::microseconds(300);
