@@ -129,9 +129,8 @@ FanotifyEventsProvider::~FanotifyEventsProvider() { TearDown(); }
 
 qeb::result_t FanotifyEventsProvider::SetUp() {
   RaiseDescriptorLimit();
-  const int group = ::fanotify_init(
-      FAN_CLASS_CONTENT | FAN_CLOEXEC | FAN_NONBLOCK | FAN_UNLIMITED_QUEUE | FAN_UNLIMITED_MARKS,
-      O_RDONLY | O_LARGEFILE | O_CLOEXEC);
+  OpenRenameGroup();
+  const int group = OpenPermissionGroup();
   if (group < 0) {
     const int error = errno;
     QEB_TRACE(m_tracer, LevelError) << "fanotify: cannot create the permission group: "
@@ -143,8 +142,24 @@ qeb::result_t FanotifyEventsProvider::SetUp() {
   m_responder = std::make_shared<FanotifyResponder>(group);
   m_stopFd.Reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   if (!m_stopFd.Valid()) return ErrnoResult(errno);
-  OpenRenameGroup();
   return res::Ok;
+}
+
+// An open waiting for its verdict pins the rename group's filesystem mark too, and releasing
+// a group waits until no open pins it. When oasd dies without a stop, the kernel releases
+// its descriptors highest number first: the permission group must go first (its release
+// answers every waiting open), or the rename group's release would wait for opens that
+// only the permission group's release can let go, and every opener would hang with it.
+int FanotifyEventsProvider::OpenPermissionGroup() const {
+  const int group = ::fanotify_init(
+      FAN_CLASS_CONTENT | FAN_CLOEXEC | FAN_NONBLOCK | FAN_UNLIMITED_QUEUE | FAN_UNLIMITED_MARKS,
+      O_RDONLY | O_LARGEFILE | O_CLOEXEC);
+  if (group < 0 || !m_renameGroup.Valid() || group > m_renameGroup.Get()) return group;
+  const int above = ::fcntl(group, F_DUPFD_CLOEXEC, m_renameGroup.Get() + 1);
+  const int error = errno;
+  ::close(group);
+  errno = error;
+  return above;
 }
 
 // Rename events come with file handles, not descriptors, and such a group cannot take

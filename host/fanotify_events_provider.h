@@ -84,6 +84,8 @@ class FanotifyEventsProvider
   using Anchors = std::map<uint64_t, std::shared_ptr<UniqueFd>>;
 
   void OpenRenameGroup();
+  // The permission group, numbered above the rename group; -1 with errno on failure.
+  int OpenPermissionGroup() const;
   qeb::result_t Attach(nox::IFileEventsReceiver* receiver,
                        const nox::FileEventsSubscription& subscription, bool replace);
   void Detach() noexcept;
