@@ -1,5 +1,5 @@
-// Each record is formatted completely before the lock is taken and written with one
-// append, so concurrent writers never interleave inside a line. A failed write (a full
+// Each record is formatted completely before the lock is taken and written under it, so
+// concurrent writers never interleave inside a line, and a line is written whole or not at all. A failed write (a full
 // disk, a vanished file system) costs the record, never the caller's operation.
 #include "host/event_log.h"
 
@@ -40,6 +40,17 @@ int WriteAll(int fd, const std::string& line) noexcept {
     done += static_cast<size_t>(n);
   }
   return 0;
+}
+
+// A full disk may take part of a line: that part is cut off again, so the next record
+// starts a line of its own instead of being glued to half a record.
+int WriteWholeLine(int fd, const std::string& line) noexcept {
+  const off_t before = ::lseek(fd, 0, SEEK_END);
+  const int error = WriteAll(fd, line);
+  if (error != 0 && before >= 0) {
+    [[maybe_unused]] const int r = ::ftruncate(fd, before);
+  }
+  return error;
 }
 
 }  // namespace
@@ -123,7 +134,7 @@ void EventLog::Append(const std::string& line) noexcept {
   {
     std::lock_guard lock(m_mutex);
     if (m_fd < 0) return;
-    error = WriteAll(m_fd, line);
+    error = WriteWholeLine(m_fd, line);
   }
   NoteWriteResult(error == 0, error);
 }
