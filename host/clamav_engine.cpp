@@ -247,6 +247,7 @@ qeb::result_t ClamavEngine::OnNotification(vrel::IEvent085* event, uint32_t) noe
 qeb::result_t ClamavEngine::Handle(vrel::IEvent085* event) noexcept {
   if (!event) return res::InvalidArgument;
   try {
+    if (m_stopping) return event->Reply(vrel::BasicVerdict::Allow);
     const int fd = EventDescriptor(event);
     if (fd < 0) {
       // Nothing to read (a rename, say): let it through but never as known clean.

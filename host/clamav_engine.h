@@ -54,6 +54,9 @@ class ClamavEngine : public qeb::object::Ifaces<vrel::IEventHandler085> {
   qeb::result_t ReloadSignatures();
   // Takes what a SIGHUP may change: the checked-cache switch and the deliberate delay.
   void ApplyOptions(const HostOptions& options) noexcept;
+  // For a stop: events not yet scanned are let through unscanned from now on, so the stop
+  // does not first work through a full queue. Scans already running finish.
+  void StopScanning() noexcept { m_stopping = true; }
 
   unsigned SignatureCount() const noexcept { return m_signatureCount; }
   size_t CheckedCacheSize() const { return m_checked.Size(); }
@@ -82,6 +85,7 @@ class ClamavEngine : public qeb::object::Ifaces<vrel::IEventHandler085> {
   DetectionCallback m_onDetection;
   std::atomic<bool> m_useChecker;
   std::atomic<uint32_t> m_delayMs;
+  std::atomic<bool> m_stopping{false};
 
   mutable std::mutex m_engineMutex;  // guards the pointer only, never held across a scan
   EnginePtr m_engine;

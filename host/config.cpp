@@ -233,6 +233,7 @@ FieldTable TopLevelFields(HostOptions& o) {
       F("checked_cache_entries", o.checkedCacheEntries),
       F("verdict_timeout_ms", o.verdictTimeoutMs),
       F("permission_deadline_ms", o.permissionDeadlineMs),
+      F("stop_timeout_ms", o.stopTimeoutMs),
       {"log_level", [&o](const json& v, const std::string& k) { o.logLevel = ReadLogLevel(v, k); }},
       F("log_file", o.logFile),
       F("events_file", o.eventsFile),

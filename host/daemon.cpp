@@ -137,11 +137,11 @@ int Daemon::Run() {
   return 0;
 }
 
-// A stop that hangs would keep the daemon's marks in place; past the limit the process
-// ends and the kernel lets every open it still held through.
+// Interception ends first in a stop, so what can hang it is a scan that never returns,
+// which nothing can interrupt: past the limit the process ends without it.
 void Daemon::ArmStopWatchdog() {
-  std::thread([] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(StopLimitMs));
+  std::thread([limit = std::chrono::milliseconds(m_options.stopTimeoutMs)] {
+    std::this_thread::sleep_for(limit);
     static const char message[] = "oasd: the stop took too long, exiting\n";
     [[maybe_unused]] const ssize_t n = ::write(2, message, sizeof message - 1);
     _exit(1);
@@ -378,6 +378,9 @@ void Daemon::CreateInterceptor() {
 void Daemon::Stop() noexcept {
   if (!m_services) return;
   Services& s = *m_services;
+  // The module lets its worker pool go when its filters are removed, and that waits for
+  // every queued event: unscanned, they take no time, and protection is ending anyway.
+  if (s.clamav) s.clamav->StopScanning();
   if (m_interceptor && m_filtersUp) {
     const qeb::result_t r = m_interceptor->RemoveFilters();
     if (QEB_FAILED(r)) {

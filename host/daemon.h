@@ -28,8 +28,6 @@ class Daemon {
   static constexpr uint32_t FilterFlags = 0x1 | 0x2 | 0x4 | 0x8;
   // How long a stop waits for the module's last object before leaving it mapped.
   static constexpr int UnloadWaitMs = 10000;
-  // The whole stop, unload wait included, before the process gives up and exits.
-  static constexpr int StopLimitMs = UnloadWaitMs + 20000;
 
   // Blocks the signals the main loop reads, for this thread and every thread it starts
   // later; call before any thread exists.
@@ -49,7 +47,7 @@ class Daemon {
   void StartProtection();
   void CreateInterceptor();
   void Serve();
-  static void ArmStopWatchdog();
+  void ArmStopWatchdog();
   void OnSignal(int signal);
   void OnWake();
   void Reload();
