@@ -39,6 +39,16 @@ struct ScannerScript {
   std::vector<uint32_t> resetTargets;               // reset after adding, before the reply
 };
 
+// The script of a scanner that answers verdict (cacheable: as a clean file worth caching).
+inline ScannerScript Answer(vrel::BasicVerdict::BasicVerdict verdict, bool cacheable = false,
+                            ScannerAction action = ScannerAction::Reply) {
+  ScannerScript script;
+  script.action = action;
+  script.verdict = verdict;
+  if (cacheable) script.targetVerdicts = {{vrel::TARGET_VERDICT_CACHEABLE, 1}};
+  return script;
+}
+
 struct ScannerCall {
   bool notification = false;  // OnNotification rather than OnEvent
   uint32_t context = 0;

@@ -36,15 +36,6 @@ namespace res = qeb::res;
 constexpr const char* kDatabaseServer = "/usr/lib/postgresql/bin/postgres";
 constexpr uint64_t kContainerNamespace = 4026539999;
 
-ScannerScript Answer(vrel::BasicVerdict::BasicVerdict verdict, bool cacheable = false,
-                     ScannerAction action = ScannerAction::Reply) {
-  ScannerScript script;
-  script.action = action;
-  script.verdict = verdict;
-  if (cacheable) script.targetVerdicts = {{vrel::TARGET_VERDICT_CACHEABLE, 1}};
-  return script;
-}
-
 nox::settings::OASSettings Settings(bool journals) {
   nox::settings::OASSettings settings;
   settings.skipPlainTextFiles = true;

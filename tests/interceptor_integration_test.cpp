@@ -33,15 +33,6 @@ bool Eventually(const std::function<bool()>& condition) {
   return condition();
 }
 
-ScannerScript Answer(vrel::BasicVerdict::BasicVerdict verdict, bool cacheable = false,
-                     ScannerAction action = ScannerAction::Reply) {
-  ScannerScript script;
-  script.action = action;
-  script.verdict = verdict;
-  if (cacheable) script.targetVerdicts = {{vrel::TARGET_VERDICT_CACHEABLE, 1}};
-  return script;
-}
-
 class LoadedInterceptor : public ::testing::Test {
  protected:
   void SetUp() override {
