@@ -4,10 +4,21 @@
 
 #include "framework/qeb/object_wrapper.h"
 #include "interfaces/nox/shares.h"
+#include "settings/oas_settings.h"
 #include "testing/fault_injection.h"
 #include "testing/subscriber_list.h"
 
 namespace qeb::testing {
+
+// A scan area of the share class: with one in the settings, a change of shares resets
+// the caches, so announcing one exercises the reset path.
+inline nox::settings::ScanScope ShareClassArea() {
+  nox::settings::ScanScope shares;
+  shares.path = "smb://*";
+  shares.area_mask = {"*"};
+  shares.use_scan_area = true;
+  return shares;
+}
 
 class FakeSharesParser : public object::Ifaces<nox::ISharesParser> {
  public:

@@ -40,12 +40,7 @@ nox::settings::OASSettings Settings(bool journals) {
   nox::settings::OASSettings settings;
   settings.skipPlainTextFiles = true;
   settings.skipDatabaseJournals = journals;
-  // A share-class area makes share changes reset the caches.
-  nox::settings::ScanScope shares;
-  shares.path = "smb://*";
-  shares.area_mask = {"*"};
-  shares.use_scan_area = true;
-  settings.ScanScopeWithTrustedPrograms.scan_scope.push_back(shares);
+  settings.ScanScopeWithTrustedPrograms.scan_scope.push_back(ShareClassArea());
   return settings;
 }
 

@@ -84,11 +84,7 @@ nox::settings::OASSettings Settings(bool variant) {
   settings.skipPlainTextFiles = true;
   settings.skipDatabaseJournals = !variant;
   if (variant) settings.ScanSettings.ScanSettingsBase.infected_action = 5;  // force action pass
-  nox::settings::ScanScope shares;
-  shares.path = "smb://*";
-  shares.area_mask = {"*"};
-  shares.use_scan_area = true;
-  settings.ScanScopeWithTrustedPrograms.scan_scope.push_back(shares);
+  settings.ScanScopeWithTrustedPrograms.scan_scope.push_back(ShareClassArea());
   return settings;
 }
 
