@@ -53,8 +53,11 @@ int64_t WallClockSeconds() noexcept {
   return now.tv_sec;
 }
 
+// The flag lives in the static TLS that the C library keeps spare for loaded modules
+// (initial-exec): one byte fits there, and this spares every event a __tls_get_addr call,
+// which the thread sanitizer's runtime also mishandles for a module's dynamic TLS.
 void NameWorkerThreadOnce() noexcept {
-  thread_local bool named = false;
+  [[gnu::tls_model("initial-exec")]] thread_local bool named = false;
   if (named) return;
   prctl(PR_SET_NAME, "dornOASEvent", 0, 0, 0);
   named = true;
