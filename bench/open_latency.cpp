@@ -184,7 +184,7 @@ void WarmUp(const std::string& path, size_t iterations) {
 // ---- The in-process responder ----
 
 // What (c) reads before it answers: the same as oasd's reader builds its event record from
-// (host/event_record.cpp), with the same caches, so (d) over (c) is what oasd adds beyond
+// (host/interception/event_record.cpp), with the same caches, so (d) over (c) is what oasd adds beyond
 // reading the event. (c') makes the process reads on every event: a host without that cache.
 // Printed with the results so the comparison states what it includes.
 constexpr const char* MetadataReads =

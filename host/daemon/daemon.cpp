@@ -1,0 +1,410 @@
+// Start-up builds the services in dependency order and fails with a message naming what
+// could not start; the stop undoes it in reverse: filters down, waiting opens allowed and
+// fanotify closed, interceptor released, host threads stopped, locator cleared, module
+// unmapped once it reports no live objects.
+// The main loop is a poll over a signalfd and an eventfd.
+#include "host/daemon/daemon.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+#include "framework/qeb/result_text.h"
+#include "host/system/applications.h"
+#include "host/engine/clamav_engine.h"
+#include "host/daemon/config.h"
+#include "host/system/containers_monitor.h"
+#include "host/reporting/event_log.h"
+#include "host/interception/fanotify_events_provider.h"
+#include "host/engine/file_factories.h"
+#include "host/engine/format_recognizer.h"
+#include "host/system/info_caches.h"
+#include "host/reporting/metrics.h"
+#include "host/system/mount_table.h"
+#include "host/engine/none_engine.h"
+#include "host/system/object_skip_checker.h"
+#include "host/interception/permission_table.h"
+#include "host/system/process_manager.h"
+#include "host/daemon/service_locator.h"
+#include "host/system/task_manager.h"
+#include "host/system/thread_pool.h"
+#include "host/system/timer_service.h"
+#include "host/reporting/tracer.h"
+#include "host/interception/verdict_notifier.h"
+#include "interfaces/qeb/module.h"
+#include "nox_tracing/tracing.h"
+
+namespace oasd {
+
+using qeb::objptr_t;
+using qeb::host::MakeHostObject;
+namespace trace = qeb::trace;
+
+struct Services {
+  objptr_t<HostTracer> tracer;
+  objptr_t<EventLog> eventLog;
+  objptr_t<MetricsHub> metricsHub;
+  std::unique_ptr<MetricsWriter> metricsWriter;
+  objptr_t<TaskManager> taskManager;
+  objptr_t<FormatRecognizer> formatRecognizer;
+  objptr_t<FileFactories> fileFactories;
+  objptr_t<MountWatcher> mounts;  // mount provider, mount subscription and shares parser
+  objptr_t<ProcessManager> processes;
+  objptr_t<ContainersMonitor> containers;
+  objptr_t<ApplicationCatalog> applications;  // provider and categorizer
+  objptr_t<UserInfoCache> userInfo;
+  objptr_t<FileInfoCache> fileInfo;
+  objptr_t<ObjectSkipChecker> skipChecker;
+  objptr_t<ThreadPoolFactory> threadPools;
+  objptr_t<TimerService> timers;
+  objptr_t<FanotifyEventsProvider> fanotify;
+  std::shared_ptr<PermissionTable> permissions;  // shared with the notifier and the readers
+  objptr_t<VerdictNotifier> verdicts;
+  objptr_t<ClamavEngine> clamav;  // set only with the ClamAV engine
+  objptr_t<vrel::IEventHandler085> engine;
+  objptr_t<ServiceLocator> locator = MakeHostObject<ServiceLocator>();
+};
+
+namespace {
+
+const int kLoopSignals[] = {SIGHUP, SIGUSR1, SIGTERM, SIGINT};
+
+sigset_t LoopSignalSet() {
+  sigset_t set;
+  sigemptyset(&set);
+  for (const int signal : kLoopSignals) sigaddset(&set, signal);
+  return set;
+}
+
+std::string ErrnoText(const char* what) { return std::string(what) + ": " + std::strerror(errno); }
+
+// Throws the start-up failure main prints, naming the step and the result.
+void Require(qeb::result_t r, const std::string& what) {
+  if (QEB_FAILED(r)) throw std::runtime_error(what + ": " + qeb::ResultText(r));
+}
+
+}  // namespace
+
+void Daemon::BlockSignals() {
+  const sigset_t set = LoopSignalSet();
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+  // A reader that went away must not kill the daemon in the middle of a write.
+  std::signal(SIGPIPE, SIG_IGN);
+}
+
+Daemon::Daemon(HostOptions options, ReloadFunction reload)
+    : m_options(std::move(options)), m_reload(std::move(reload)) {
+  BlockSignals();
+  OpenLoopDescriptors();
+}
+
+Daemon::~Daemon() {
+  Stop();
+  if (m_signalFd >= 0) ::close(m_signalFd);
+  if (m_wakeFd >= 0) ::close(m_wakeFd);
+}
+
+void Daemon::OpenLoopDescriptors() {
+  const sigset_t set = LoopSignalSet();
+  m_signalFd = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
+  if (m_signalFd < 0) throw std::runtime_error(ErrnoText("cannot create the signal descriptor"));
+  m_wakeFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  if (m_wakeFd < 0) throw std::runtime_error(ErrnoText("cannot create the wake descriptor"));
+}
+
+int Daemon::Run() {
+  try {
+    StartProtection();
+  } catch (...) {
+    Stop();
+    throw;
+  }
+  std::fputs("oasd: ready\n", stdout);
+  std::fflush(stdout);
+  QEB_TRACE(m_services->tracer, trace::LevelNotice) << "oasd: protection is active";
+  Serve();
+  ArmStopWatchdog();
+  Stop();
+  return 0;
+}
+
+// Interception ends first in a stop, so what can hang it is a scan that never returns,
+// which nothing can interrupt: past the limit the process ends without it.
+void Daemon::ArmStopWatchdog() {
+  std::thread([limit = std::chrono::milliseconds(m_options.stopTimeoutMs)] {
+    std::this_thread::sleep_for(limit);
+    static const char message[] = "oasd: the stop took too long, exiting\n";
+    [[maybe_unused]] const ssize_t n = ::write(2, message, sizeof message - 1);
+    _exit(1);
+  }).detach();
+}
+
+void Daemon::Serve() {
+  pollfd fds[2] = {{m_signalFd, POLLIN, 0}, {m_wakeFd, POLLIN, 0}};
+  while (!m_stopping) {
+    if (::poll(fds, 2, -1) < 0) {
+      if (errno == EINTR) continue;
+      throw std::runtime_error(ErrnoText("main loop poll failed"));
+    }
+    if (fds[1].revents & POLLIN) OnWake();
+    if (!(fds[0].revents & POLLIN)) continue;
+    signalfd_siginfo info{};
+    while (::read(m_signalFd, &info, sizeof info) == static_cast<ssize_t>(sizeof info))
+      OnSignal(static_cast<int>(info.ssi_signo));
+  }
+}
+
+void Daemon::OnSignal(int signal) {
+  QEB_TRACE(m_services->tracer, trace::LevelNotice) << "oasd: received " << strsignal(signal);
+  switch (signal) {
+    case SIGHUP: Reload(); break;
+    case SIGUSR1: m_services->metricsWriter->RequestWrite(); break;
+    default: m_stopping = true; break;
+  }
+}
+
+void Daemon::PostRefresh() noexcept {
+  m_refreshPosted.store(true);
+  const uint64_t one = 1;
+  // A full counter already means a wake-up is pending; nothing is lost.
+  [[maybe_unused]] const ssize_t n = ::write(m_wakeFd, &one, sizeof one);
+}
+
+void Daemon::OnWake() {
+  uint64_t count = 0;
+  [[maybe_unused]] const ssize_t n = ::read(m_wakeFd, &count, sizeof count);
+  if (m_refreshPosted.exchange(false)) PushSettings();
+}
+
+void Daemon::PushSettings() {
+  if (!m_interceptor) return;
+  const qeb::result_t r = m_interceptor->SetSettings(m_services->taskManager->CurrentSettings());
+  if (QEB_FAILED(r)) {
+    QEB_TRACE(m_services->tracer, trace::LevelError)
+        << "oasd: the interceptor refused the settings: " << trace::AsResult(r);
+  }
+}
+
+// A bad new configuration leaves everything as it was; a good one reaches the module the
+// way any settings refresh does, through the task manager and the main loop.
+void Daemon::Reload() {
+  const auto& tracer = m_services->tracer;
+  if (!m_reload) {
+    QEB_TRACE(tracer, trace::LevelNotice) << "oasd: started without --config, nothing to reload";
+    return;
+  }
+  HostOptions fresh;
+  try {
+    fresh = m_reload();
+  } catch (const std::exception& error) {
+    QEB_TRACE(tracer, trace::LevelError)
+        << "oasd: keeping the current configuration: " << error.what();
+    return;
+  }
+  tracer->SetCeiling(fresh.logLevel);
+  if (m_services->clamav) {
+    m_services->clamav->ApplyOptions(fresh);
+    m_services->clamav->ReloadSignatures();
+  }
+  m_services->applications->Reload(fresh.applications);
+  m_services->taskManager->ReplaceSettings(fresh.settings);
+  QEB_TRACE(tracer, trace::LevelNotice) << "oasd: configuration reloaded";
+}
+
+namespace {
+
+objptr_t<qeb::ITracer> TracerOf(const Services& s) { return objptr_t<qeb::ITracer>(s.tracer.Get()); }
+
+// Tracer, events file and metrics first: everything after them reports through them.
+void SetUpReporting(Services& s, const HostOptions& options, HostMetrics& metrics) {
+  s.tracer = MakeHostObject<HostTracer>(options.logLevel);
+  if (!options.logFile.empty())
+    Require(s.tracer->OpenLogFile(options.logFile), "cannot open the log file " + options.logFile);
+  s.eventLog = MakeHostObject<EventLog>(TracerOf(s), metrics, options.eventsFile);
+  Require(s.eventLog->SetUp(), "cannot open the events file " + options.eventsFile);
+  s.metricsHub = MakeHostObject<MetricsHub>();
+  s.metricsWriter = std::make_unique<MetricsWriter>(
+      TracerOf(s), s.metricsHub, metrics, options.metricsFile, options.metricsIntervalS);
+}
+
+void SetUpFiles(Services& s) {
+  s.formatRecognizer = MakeHostObject<FormatRecognizer>(TracerOf(s));
+  Require(s.formatRecognizer->SetUp(), "cannot load the file type database");
+  s.fileFactories = MakeHostObject<FileFactories>(TracerOf(s));
+}
+
+void SetUpSystemServices(Services& s, const HostOptions& options) {
+  s.mounts = MakeHostObject<MountWatcher>(TracerOf(s));
+  Require(s.mounts->SetUp(), "cannot read the mount table");
+  s.processes = MakeHostObject<ProcessManager>(TracerOf(s));
+  s.containers = MakeHostObject<ContainersMonitor>(TracerOf(s));
+  s.applications = MakeHostObject<ApplicationCatalog>(options.applications);
+  s.userInfo = MakeHostObject<UserInfoCache>();
+  s.fileInfo = MakeHostObject<FileInfoCache>();
+  // A clean text file whose change time has not moved passes from the module's cache
+  // without asking the checker; the checker is asked only about a file changed since it
+  // was found clean, and such a file must be scanned again (a text file can carry a test
+  // virus just as well), so it never lets one skip.
+  s.skipChecker = MakeHostObject<ObjectSkipChecker>();
+  s.threadPools = MakeHostObject<ThreadPoolFactory>(TracerOf(s));
+  s.timers = MakeHostObject<TimerService>(TracerOf(s));
+  Require(s.timers->SetUp(), "cannot set up the timer service");
+}
+
+void RegisterSystemServices(Services& s) {
+  ServiceLocator& l = *s.locator;
+  l.Register<nox::IMountProvider>(s.mounts);
+  l.Register<nox::IMountSubscription>(s.mounts);
+  l.Register<nox::ISharesParser>(s.mounts);
+  l.Register<system_interceptors::process_manager::IProcessManager>(s.processes);
+  l.Register<nox::containers::IContainersMonitor>(s.containers);
+  l.Register<nox::IApplicationProvider>(s.applications);
+  l.Register<nox::IApplicationCategorizer>(s.applications);
+  l.Register<nox::IUserInfoCache>(s.userInfo);
+  l.Register<nox::IFileInfoCache>(s.fileInfo);
+  l.Register<avengine::object_skip::IObjectSkipChecker>(
+      s.skipChecker, avengine::object_skip::IObjectSkipChecker::ServiceKey);
+  l.Register<qeb::IThreadPoolFactory>(s.threadPools);
+  l.Register<qeb::ITimerService>(s.timers);
+  l.Register<nox::IEventsProvider>(s.fanotify);
+  l.Register<vrel::IFileVerdictNotifier>(s.verdicts);
+  l.Register<nox::vrelpp::IFileVerdictNotifierEx>(s.verdicts);
+}
+
+// The provider must be in the locator before the module is created: the module asks for
+// it then. Its groups exist from here on, but nothing is marked before SetupFilters.
+void SetUpInterception(Services& s, const HostOptions& options, HostMetrics& metrics) {
+  s.fanotify = MakeHostObject<FanotifyEventsProvider>(
+      TracerOf(s), metrics, objptr_t<nox::IMountProvider>(s.mounts.Get()),
+      objptr_t<nox::IMountSubscription>(s.mounts.Get()));
+  Require(s.fanotify->SetUp(), "cannot set up fanotify (oasd needs root)");
+  s.permissions = std::make_shared<PermissionTable>(
+      s.fanotify->Responder(), metrics, std::chrono::milliseconds(options.permissionDeadlineMs));
+  s.verdicts = MakeHostObject<VerdictNotifier>(s.permissions, metrics);
+}
+
+// The readers run before SetupFilters places the first mark, so no marked open waits for
+// a reader that has not started.
+void StartSystemServices(Services& s) {
+  s.timers->Start();
+  s.mounts->Start();
+  s.permissions->Start();
+  s.fanotify->Start(s.permissions);
+}
+
+// Every open still waiting is allowed and the marks go; the module's late verdicts only
+// close descriptors from now on.
+void TearDownInterception(Services& s) noexcept {
+  if (s.permissions) s.permissions->Drain();
+  if (s.fanotify) s.fanotify->TearDown();
+}
+
+// Threads that could still call into the module stop before it is let go.
+void TearDownSystemServices(Services& s) noexcept {
+  if (s.mounts) s.mounts->TearDown();
+  if (s.timers) s.timers->TearDown();
+  if (s.threadPools) s.threadPools->TearDown();
+}
+
+void SetUpEngine(Services& s, const HostOptions& options, HostMetrics& metrics) {
+  const objptr_t<qeb::ITracer> tracer = TracerOf(s);
+  if (options.engine == EngineKind::None) {
+    s.engine = MakeHostObject<NoneEngine>(tracer, metrics, options);
+    return;
+  }
+  objptr_t<EventLog> log = s.eventLog;
+  s.clamav = MakeHostObject<ClamavEngine>(
+      tracer, metrics, options, [log](const DetectionRecord& record) { log->Detection(record); });
+  Require(s.clamav->SetUp(), "cannot load the signatures from " + SignatureDirFor(options));
+  s.engine = objptr_t<vrel::IEventHandler085>(s.clamav.Get());
+}
+
+// Every service the module asks the locator for, under the key it asks with.
+void RegisterServices(Services& s) {
+  ServiceLocator& l = *s.locator;
+  l.Register<qeb::ITracer>(s.tracer);
+  l.Register<nox::IEventPublisher>(s.eventLog);
+  l.Register<qeb::telemetry::IMetricsRegistry>(s.metricsHub);
+  l.Register<monitoring::IMetricsFactory>(s.metricsHub);
+  l.Register<nox::INoxTaskManager>(s.taskManager);
+  l.Register<nox::IFormatRecognizer>(s.formatRecognizer);
+  l.Register<nox::IFileFactory>(s.fileFactories, vrel::CLSID_FileFactories);
+  l.Register<nox::IFdFileFactory>(s.fileFactories);
+  RegisterSystemServices(s);
+}
+
+}  // namespace
+
+void Daemon::StartProtection() {
+  m_services = std::make_unique<Services>();
+  Services& s = *m_services;
+  SetUpReporting(s, m_options, m_metrics);
+  s.taskManager = MakeHostObject<TaskManager>(m_options.settings, [this] { PostRefresh(); });
+  SetUpFiles(s);
+  SetUpSystemServices(s, m_options);
+  SetUpInterception(s, m_options, m_metrics);
+  SetUpEngine(s, m_options, m_metrics);
+  RegisterServices(s);
+  CreateInterceptor();
+  Require(m_interceptor->Init(m_options.verdictTimeoutMs), "the interceptor refused Init");
+  Require(m_interceptor->SetSettings(s.taskManager->CurrentSettings()),
+          "the interceptor refused the settings");
+  StartSystemServices(s);
+  m_filtersUp = true;
+  Require(m_interceptor->SetupFilters(FilterFlags, s.engine), "cannot start interception");
+  s.metricsWriter->Start();
+}
+
+void Daemon::CreateInterceptor() {
+  const std::string path = FindModule(m_options);
+  m_module.Load(path);
+  objptr_t<qeb::IObject> object;
+  Require(m_module.CreateObject(qeb::CLSID_FileInterceptor, m_services->locator, object.Ref()),
+          "the module " + path + " could not create the file interceptor");
+  Require(qeb::QueryInterface(object.Get(), m_interceptor.Ref()),
+          "the module's object is not a file interceptor");
+}
+
+// Safe at any point of a failed start: each step checks what exists.
+void Daemon::Stop() noexcept {
+  if (!m_services) return;
+  Services& s = *m_services;
+  // The module lets its worker pool go when its filters are removed, and that waits for
+  // every queued event: unscanned, they take no time, and protection is ending anyway.
+  if (s.clamav) s.clamav->StopScanning();
+  if (m_interceptor && m_filtersUp) {
+    const qeb::result_t r = m_interceptor->RemoveFilters();
+    if (QEB_FAILED(r)) {
+      QEB_TRACE(s.tracer, trace::LevelError) << "oasd: RemoveFilters failed: " << trace::AsResult(r);
+    }
+  }
+  m_filtersUp = false;
+  TearDownInterception(s);
+  m_interceptor.Reset();
+  if (s.metricsWriter) s.metricsWriter->TearDown();
+  TearDownSystemServices(s);
+  if (s.clamav) s.clamav->TearDown();
+  ReleaseModule();
+  if (s.eventLog) s.eventLog->TearDown();
+  QEB_TRACE(s.tracer, trace::LevelNotice) << "oasd: stopped";
+  m_services.reset();
+}
+
+void Daemon::ReleaseModule() noexcept {
+  Services& s = *m_services;
+  s.locator->Clear();
+  if (m_module.Unload(std::chrono::milliseconds(UnloadWaitMs))) return;
+  QEB_TRACE(s.tracer, trace::LevelError)
+      << "oasd: the module still has live objects; it stays loaded until exit";
+}
+
+}  // namespace oasd

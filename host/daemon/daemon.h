@@ -1,0 +1,73 @@
+// oasd's daemon: builds every host service, registers them with the service locator,
+// loads liboas.so, starts protection and runs the main loop until told to stop. It owns
+// the services (through Services), the module and the interceptor; signals and settings
+// refreshes reach it only as descriptors the main loop reads, never as work done inside
+// a signal handler or on the module's threads.
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <memory>
+
+#include "framework/qeb/objptr.h"
+#include "host/common/host_metrics.h"
+#include "host/common/host_options.h"
+#include "host/daemon/module_loader.h"
+#include "interfaces/vrel/file_interceptor.h"
+
+namespace oasd {
+
+struct Services;
+
+class Daemon {
+ public:
+  // Builds fresh options for a SIGHUP; throws ConfigError when the new ones are bad.
+  using ReloadFunction = std::function<HostOptions()>;
+
+  // Open, execute, close after writing and rename, as SetupFilters' flags.
+  static constexpr uint32_t FilterFlags = 0x1 | 0x2 | 0x4 | 0x8;
+  // How long a stop waits for the module's last object before leaving it mapped.
+  static constexpr int UnloadWaitMs = 10000;
+
+  // Blocks the signals the main loop reads, for this thread and every thread it starts
+  // later; call before any thread exists.
+  static void BlockSignals();
+
+  Daemon(HostOptions options, ReloadFunction reload);
+  ~Daemon();
+  Daemon(const Daemon&) = delete;
+  Daemon& operator=(const Daemon&) = delete;
+
+  // Starts protection, prints "oasd: ready" and serves until SIGTERM or SIGINT; returns
+  // the exit status. Throws std::runtime_error with a clear message when it cannot start.
+  int Run();
+
+ private:
+  void OpenLoopDescriptors();
+  void StartProtection();
+  void CreateInterceptor();
+  void Serve();
+  void ArmStopWatchdog();
+  void OnSignal(int signal);
+  void OnWake();
+  void Reload();
+  void PushSettings();
+  void Stop() noexcept;
+  void ReleaseModule() noexcept;
+  // Called by the task manager on the module's threads: only marks and wakes.
+  void PostRefresh() noexcept;
+
+  HostOptions m_options;
+  const ReloadFunction m_reload;
+  HostMetrics m_metrics;
+  int m_signalFd = -1;
+  int m_wakeFd = -1;
+  std::atomic<bool> m_refreshPosted{false};
+  bool m_stopping = false;
+  std::unique_ptr<Services> m_services;
+  ModuleLoader m_module;
+  qeb::objptr_t<vrel::IFileInterceptor> m_interceptor;
+  bool m_filtersUp = false;
+};
+
+}  // namespace oasd

@@ -1,0 +1,52 @@
+// oasd's entry point: reads the command line, then hands everything to the Daemon. It
+// owns only the mapping of outcomes to exit status: 2 for a bad configuration, 1 for a
+// start that failed, 0 for a clean stop or a configuration check that passed.
+#include <cstdio>
+#include <exception>
+#include <iostream>
+
+#include "host/daemon/config.h"
+#include "host/daemon/daemon.h"
+
+namespace {
+
+int RunDaemon(const oasd::CommandLine& commandLine, int argc, char** argv) {
+  // A reload parses the same command line again, so its overrides outlive the reload.
+  oasd::Daemon::ReloadFunction reload;
+  if (!commandLine.configPath.empty())
+    reload = [argc, argv] { return oasd::ParseCommandLine(argc, argv).options; };
+  oasd::Daemon daemon(commandLine.options, std::move(reload));
+  return daemon.Run();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // Before anything can start a thread: every thread inherits the blocked set, so the
+  // signals reach only the main loop's descriptor.
+  oasd::Daemon::BlockSignals();
+  oasd::CommandLine commandLine;
+  try {
+    commandLine = oasd::ParseCommandLine(argc, argv);
+  } catch (const oasd::ConfigError& error) {
+    std::cerr << "oasd: " << error.what() << '\n';
+    return 2;
+  } catch (const std::exception& error) {
+    std::cerr << "oasd: " << error.what() << '\n';
+    return 2;
+  }
+  if (commandLine.mode == oasd::CommandLine::Help) {
+    std::cout << oasd::UsageText();
+    return 0;
+  }
+  if (commandLine.mode == oasd::CommandLine::CheckConfig) {
+    std::cout << "config OK" << std::endl;
+    return 0;
+  }
+  try {
+    return RunDaemon(commandLine, argc, argv);
+  } catch (const std::exception& error) {
+    std::cerr << "oasd: " << error.what() << '\n';
+    return 1;
+  }
+}

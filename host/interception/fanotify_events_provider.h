@@ -1,0 +1,155 @@
+// The events provider on fanotify. It owns the permission group (open and exec permission
+// events, close-after-write notifications), the rename group where the kernel has one, a
+// reader thread for each, the marks, and the one subscription (receiver and path filter).
+// Every event descriptor read is answered and closed here, or handed to the permission
+// table, which owns it from then on. The permission group is answered through the responder,
+// shared with the table, and closed by TearDown. Locks: marks and subscription are never
+// held together, nor across a call into the module.
+#pragma once
+
+#include <sys/fanotify.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "framework/qeb/host_object.h"
+#include "framework/qeb/objptr.h"
+#include "host/interception/event_record.h"
+#include "host/interception/fanotify_marks.h"
+#include "host/common/host_metrics.h"
+#include "host/interception/permission_table.h"
+#include "host/common/unique_fd.h"
+#include "interfaces/nox/file_events.h"
+#include "interfaces/nox/mounts.h"
+#include "interfaces/qeb/tracer.h"
+
+namespace oasd {
+
+class FanotifyResponder;
+
+class FanotifyEventsProvider
+    : public qeb::object::Ifaces<nox::IEventsProvider, nox::IMountEvents> {
+ public:
+  // Bytes read at once: a few hundred events in one system call under load.
+  static constexpr size_t BatchBytes = 16384;
+  // Files closed after writing or renamed that may wait for a scan at once. A writer does
+  // not wait for them, so a big unpack could queue thousands and fill the module's queue,
+  // which then refuses, and so denies, opens; past this many a notification goes unscanned
+  // and the file is scanned when it is next opened.
+  static constexpr size_t MaxNotificationsInFlight = 1024;
+
+  FanotifyEventsProvider(qeb::objptr_t<qeb::ITracer> tracer, HostMetrics& metrics,
+                         qeb::objptr_t<nox::IMountProvider> mounts,
+                         qeb::objptr_t<nox::IMountSubscription> mountChanges);
+  ~FanotifyEventsProvider();
+
+  // Creates the groups; fails when the kernel refuses permission events (not root, or no
+  // fanotify). A kernel without rename events is noted once and interception goes on.
+  qeb::result_t SetUp();
+  // Answers permission events of the group; the permission table's responder.
+  std::shared_ptr<PermissionResponder> Responder() const;
+  // Starts the readers, which hand the events the module queues to table, and follows the
+  // mount list so new mounts under a scan area are marked too.
+  void Start(std::shared_ptr<PermissionTable> table);
+  // Removes the marks, stops the readers and closes the groups: the kernel allows whatever
+  // it still held. Call after the table's Drain. Idempotent.
+  void TearDown() noexcept;
+
+  // One receiver at a time: a second one is refused until the first unsubscribes.
+  qeb::result_t Subscribe(nox::IFileEventsReceiver* receiver,
+                          const nox::FileEventsSubscription& subscription) noexcept override;
+  qeb::result_t Resubscribe(nox::IFileEventsReceiver* receiver,
+                            const nox::FileEventsSubscription& subscription) noexcept override;
+  qeb::result_t Unsubscribe(nox::IFileEventsReceiver* receiver) noexcept override;
+
+  qeb::result_t OnMountListChanged(const nox::MountList& added, const nox::MountList& removed,
+                                   const nox::MountList& current) noexcept override;
+  qeb::result_t OnNamespaceMountListChanged(ino_t mountNamespace, const nox::MountList& added,
+                                            const nox::MountList& removed,
+                                            const nox::MountList& current) noexcept override;
+
+ private:
+  using Clock = EventRecordBuilder::Clock;
+  struct Receiver {
+    qeb::objptr_t<nox::IFileEventsReceiver> receiver;
+    std::shared_ptr<const PathFilter> filter;
+  };
+  // The directory a filesystem mark was placed through: open_by_handle_at needs one.
+  using Anchors = std::map<uint64_t, std::shared_ptr<UniqueFd>>;
+
+  void OpenRenameGroup();
+  // The permission group, numbered above the rename group; -1 with errno on failure.
+  int OpenPermissionGroup() const;
+  qeb::result_t Attach(nox::IFileEventsReceiver* receiver,
+                       const nox::FileEventsSubscription& subscription, bool replace);
+  void Detach() noexcept;
+  Receiver CurrentReceiver() const;
+
+  // m_marksMutex held for all four.
+  qeb::result_t PlaceMarks(const nox::FileEventsSubscription& subscription,
+                           const nox::MountList& mounts);
+  void PlaceMountMarks(const std::vector<Mark>& marks, uint64_t mask,
+                       const nox::MountList& mounts, size_t& placed);
+  void PlaceFilesystemMarks(const std::vector<Mark>& marks, const nox::MountList& mounts);
+  void RemoveAllMarks() noexcept;
+
+  void ReadPermissionEvents() noexcept;
+  void ReadRenameEvents() noexcept;
+  // Waits for events on group; false once the readers are told to stop.
+  bool WaitReadable(int group) const noexcept;
+  void ReportReadError(int error) noexcept;
+  void HandlePermissionGroupEvent(const fanotify_event_metadata& event, const Receiver& receiver,
+                                  EventRecordBuilder& records, Clock::time_point now) noexcept;
+  void HandleRenameEvent(const fanotify_event_metadata& event, const Receiver& receiver,
+                         EventRecordBuilder& records, Clock::time_point now) noexcept;
+  // Hands the event to the module through the table; handedOver turns true once the table
+  // owns the descriptor.
+  void Deliver(int fd, int32_t pid, uint32_t oper, bool permission, const Receiver& receiver,
+               EventRecordBuilder& records, Clock::time_point now, bool& handedOver);
+  // false (and noted, sparingly) when MaxNotificationsInFlight wait already.
+  bool RoomForNotification() noexcept;
+  // Allows a permission event (a notification needs no answer) and closes its descriptor.
+  void AnswerNow(int fd, bool permission) noexcept;
+  // A readable descriptor of the renamed file, or -1.
+  int OpenRenamed(const fanotify_event_metadata& event) const;
+
+  const qeb::objptr_t<qeb::ITracer> m_tracer;
+  HostMetrics& m_metrics;
+  const qeb::objptr_t<nox::IMountProvider> m_mounts;
+  const qeb::objptr_t<nox::IMountSubscription> m_mountChanges;
+  const int32_t m_ownPid;
+  const uint64_t m_ownNamespace;
+
+  std::shared_ptr<FanotifyResponder> m_responder;  // owns the permission group
+  int m_permissionGroup = -1;
+  UniqueFd m_renameGroup;
+  UniqueFd m_stopFd;
+  std::shared_ptr<PermissionTable> m_table;
+  std::thread m_permissionReader;
+  std::thread m_renameReader;
+  bool m_followingMounts = false;
+  std::atomic<uint64_t> m_nextCookie{0};
+  std::atomic<uint64_t> m_mountGeneration{0};
+  std::atomic<uint64_t> m_readErrors{0};
+  std::atomic<bool> m_overflowReported{false};
+  std::atomic<uint64_t> m_notificationsSkipped{0};
+
+  mutable std::mutex m_subscriptionMutex;  // guards m_receiver
+  Receiver m_receiver;
+
+  mutable std::mutex m_marksMutex;  // guards everything below
+  bool m_subscribed = false;
+  nox::FileEventsSubscription m_subscription;
+  std::vector<Mark> m_mountMarks;
+  uint64_t m_mountMask = 0;
+  std::vector<Mark> m_filesystemMarks;
+  Anchors m_anchors;
+};
+
+}  // namespace oasd

@@ -1,0 +1,164 @@
+// Exactly once comes from one rule: whoever takes an event out of its slot, or marks it
+// answered, under the mutex, is the one who answers it. The verdict and the reader free the
+// slot and answer outside the lock; the deadline and the drain answer under it but keep the
+// slot, so a late verdict closes the descriptor only after their answer has been written.
+#include "host/interception/permission_table.h"
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <utility>
+
+namespace oasd {
+
+PermissionTable::PermissionTable(std::shared_ptr<PermissionResponder> responder,
+                                 HostMetrics& metrics, std::chrono::milliseconds deadline)
+    : m_responder(std::move(responder)), m_metrics(metrics), m_deadline(deadline) {}
+
+PermissionTable::~PermissionTable() {
+  Drain();
+  for (size_t fd = 0; fd < m_slots.size(); ++fd)
+    if (m_slots[fd].cookie != 0) m_responder->Close(static_cast<int>(fd));
+}
+
+void PermissionTable::Start() {
+  std::lock_guard lock(m_mutex);
+  if (m_thread.joinable() || m_stopping) return;
+  m_thread = std::thread([this] { RunDeadlines(); });
+}
+
+bool PermissionTable::Add(int fd, uint64_t cookie, Kind kind) noexcept {
+  if (fd < 0 || cookie == 0) return false;
+  std::lock_guard lock(m_mutex);
+  if (m_drained) return false;
+  const size_t index = static_cast<size_t>(fd);
+  try {
+    if (index >= m_slots.size()) m_slots.resize(std::max({index + 1, m_slots.size() * 2, size_t{64}}));
+  } catch (...) {
+    return false;
+  }
+  Slot& slot = m_slots[index];
+  // An open descriptor cannot be handed out twice, so a busy slot means a caller's mistake;
+  // the caller keeps the event and answers it.
+  if (slot.cookie != 0) return false;
+  slot = Slot{cookie, kind, false, false};
+  ++m_held;
+  if (kind == Kind::Notification) m_notifications.fetch_add(1, std::memory_order_relaxed);
+  return true;
+}
+
+void PermissionTable::MarkPending(int fd, uint64_t cookie) noexcept {
+  bool wake = false;
+  {
+    std::lock_guard lock(m_mutex);
+    Slot* slot = Find(fd, cookie);
+    // Already answered by a verdict that beat OnEvent's return, or a notification.
+    if (!slot || slot->kind != Kind::Permission || slot->answered || slot->pending) return;
+    wake = m_due.empty();
+    try {
+      m_due.push_back(Due{Clock::now() + m_deadline, fd, cookie});
+    } catch (...) {
+      return;  // no deadline then: the module's verdict still comes, late at worst
+    }
+    slot->pending = true;
+    m_metrics.pending.fetch_add(1, std::memory_order_relaxed);
+  }
+  if (wake) m_wake.notify_one();
+}
+
+bool PermissionTable::Complete(int fd, uint64_t cookie, bool allow) noexcept {
+  bool answer = false;
+  bool completed = false;
+  {
+    std::lock_guard lock(m_mutex);
+    Slot* slot = Find(fd, cookie);
+    if (!slot) return false;
+    answer = slot->kind == Kind::Permission && !slot->answered;
+    completed = !slot->answered;
+    if (slot->pending) m_metrics.pending.fetch_sub(1, std::memory_order_relaxed);
+    if (slot->kind == Kind::Notification) m_notifications.fetch_sub(1, std::memory_order_relaxed);
+    *slot = Slot{};
+    --m_held;
+  }
+  // The slot is free but the descriptor still open: its number cannot name another event
+  // until the close below.
+  if (answer) m_responder->Respond(fd, allow);
+  m_responder->Close(fd);
+  return completed;
+}
+
+void PermissionTable::Drain() {
+  {
+    std::lock_guard lock(m_mutex);
+    if (!m_drained) {
+      m_drained = true;
+      for (size_t fd = 0; fd < m_slots.size(); ++fd) {
+        Slot& slot = m_slots[fd];
+        if (slot.cookie != 0 && slot.kind == Kind::Permission && !slot.answered)
+          AllowHeld(static_cast<int>(fd), slot);
+      }
+      m_due.clear();
+    }
+  }
+  StopDeadlineThread();
+}
+
+size_t PermissionTable::Size() const {
+  std::lock_guard lock(m_mutex);
+  return m_held;
+}
+
+PermissionTable::Slot* PermissionTable::Find(int fd, uint64_t cookie) {
+  if (fd < 0 || static_cast<size_t>(fd) >= m_slots.size()) return nullptr;
+  Slot& slot = m_slots[static_cast<size_t>(fd)];
+  return slot.cookie == cookie && cookie != 0 ? &slot : nullptr;
+}
+
+void PermissionTable::AllowHeld(int fd, Slot& slot) {
+  m_responder->Respond(fd, true);
+  slot.answered = true;
+  if (slot.pending) {
+    slot.pending = false;
+    m_metrics.pending.fetch_sub(1, std::memory_order_relaxed);
+  }
+}
+
+void PermissionTable::RunDeadlines() {
+  pthread_setname_np(pthread_self(), "oasdDeadline");
+  std::unique_lock lock(m_mutex);
+  while (!m_stopping) {
+    if (m_due.empty()) {
+      m_wake.wait(lock);
+      continue;
+    }
+    const Clock::time_point at = m_due.front().at;
+    if (Clock::now() < at) {
+      m_wake.wait_until(lock, at);
+      continue;
+    }
+    ExpireDue(Clock::now());
+  }
+}
+
+void PermissionTable::ExpireDue(Clock::time_point now) {
+  while (!m_due.empty() && m_due.front().at <= now) {
+    const Due due = m_due.front();
+    m_due.pop_front();
+    Slot* slot = Find(due.fd, due.cookie);
+    if (!slot || slot->answered) continue;
+    AllowHeld(due.fd, *slot);
+    m_metrics.deadlineAllows.fetch_add(1, std::memory_order_relaxed);
+  }
+}
+
+// Called by the owner only (the daemon's stop, the destructor), never concurrently.
+void PermissionTable::StopDeadlineThread() {
+  {
+    std::lock_guard lock(m_mutex);
+    m_stopping = true;
+  }
+  m_wake.notify_all();
+  if (m_thread.joinable()) m_thread.join();
+}
+
+}  // namespace oasd

@@ -1,0 +1,163 @@
+// Each record is formatted completely before the lock is taken and written under it, so
+// concurrent writers never interleave inside a line, and a line is written whole or not at all. A failed write (a full
+// disk, a vanished file system) costs the record, never the caller's operation.
+#include "host/reporting/event_log.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <nlohmann/json.hpp>
+
+#include "framework/qeb/utf.h"
+#include "host/reporting/tracer.h"
+#include "nox_tracing/tracing.h"
+
+namespace oasd {
+namespace {
+
+using nlohmann::json;
+
+std::string ToLine(const json& record) {
+  return record.dump(-1, ' ', false, json::error_handler_t::replace) + '\n';
+}
+
+std::chrono::system_clock::time_point EventTime(int64_t seconds,
+                                                std::chrono::system_clock::time_point now) {
+  if (seconds < 0) return now;
+  return std::chrono::system_clock::time_point(std::chrono::seconds(seconds));
+}
+
+// Writes all of line or reports the errno that stopped it.
+int WriteAll(int fd, const std::string& line) noexcept {
+  size_t done = 0;
+  while (done < line.size()) {
+    const ssize_t n = ::write(fd, line.data() + done, line.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) return errno;
+    if (n == 0) return EIO;
+    done += static_cast<size_t>(n);
+  }
+  return 0;
+}
+
+// A full disk may take part of a line: that part is cut off again, so the next record
+// starts a line of its own instead of being glued to half a record.
+int WriteWholeLine(int fd, const std::string& line) noexcept {
+  const off_t before = ::lseek(fd, 0, SEEK_END);
+  const int error = WriteAll(fd, line);
+  if (error != 0 && before >= 0) {
+    [[maybe_unused]] const int r = ::ftruncate(fd, before);
+  }
+  return error;
+}
+
+}  // namespace
+
+std::string ProcessingErrorLine(const nox::ProcessingErrorEvent& event,
+                                std::chrono::system_clock::time_point now) {
+  const json record = {
+      {"type", "processing_error"},
+      {"time", FormatUtcTime(EventTime(event.time, now))},
+      {"file", qeb::Utf16ToUtf8(event.fileName)},
+      {"reason", qeb::Utf16ToUtf8(event.reason)},
+      {"event_kind", event.eventKind},
+      {"severity", event.severity},
+      {"error_category", event.errorCategory},
+      {"file_size", event.fileSize},
+      {"md5", event.fileMd5},
+      {"sha256", event.fileSha256},
+      {"user", qeb::Utf16ToUtf8(event.userName)},
+      {"user_id", qeb::Utf16ToUtf8(event.userId)},
+      {"task", qeb::Utf16ToUtf8(event.taskName)},
+      {"task_id", event.taskId},
+  };
+  return ToLine(record);
+}
+
+std::string DetectionLine(const DetectionRecord& record, std::chrono::system_clock::time_point now) {
+  const json line = {
+      {"type", "detection"},        {"time", FormatUtcTime(now)}, {"path", record.path},
+      {"threat", record.threat},    {"pid", record.pid},          {"uid", record.uid},
+      {"operation", record.operation},
+  };
+  return ToLine(line);
+}
+
+EventLog::EventLog(qeb::objptr_t<qeb::ITracer> tracer, HostMetrics& metrics, std::string path)
+    : m_tracer(std::move(tracer)), m_metrics(metrics), m_path(std::move(path)) {}
+
+EventLog::~EventLog() { TearDown(); }
+
+qeb::result_t EventLog::SetUp() {
+  if (m_path.empty()) return qeb::res::Ok;
+  const int fd = ::open(m_path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0640);
+  if (fd < 0) {
+    const int error = errno;
+    QEB_TRACE(m_tracer, qeb::trace::LevelError)
+        << "Cannot open the events file " << m_path << ": " << std::strerror(error);
+    return qeb::res::ErrnoFacilityBase + error;
+  }
+  std::lock_guard lock(m_mutex);
+  m_fd = fd;
+  return qeb::res::Ok;
+}
+
+void EventLog::TearDown() noexcept {
+  std::lock_guard lock(m_mutex);
+  if (m_fd >= 0) ::close(m_fd);
+  m_fd = -1;
+}
+
+qeb::result_t EventLog::Publish(nox::ProcessingErrorEvent&& event) noexcept {
+  m_metrics.processingErrors.fetch_add(1, std::memory_order_relaxed);
+  try {
+    Append(ProcessingErrorLine(event, std::chrono::system_clock::now()));
+    return qeb::res::Ok;
+  } catch (...) {
+    return qeb::res::OutOfMemory;
+  }
+}
+
+void EventLog::Detection(const DetectionRecord& record) noexcept {
+  m_metrics.detections.fetch_add(1, std::memory_order_relaxed);
+  try {
+    Append(DetectionLine(record, std::chrono::system_clock::now()));
+  } catch (...) {
+    NoteWriteResult(false, ENOMEM);
+  }
+}
+
+void EventLog::Append(const std::string& line) noexcept {
+  int error = 0;
+  {
+    std::lock_guard lock(m_mutex);
+    if (m_fd < 0) return;
+    error = WriteWholeLine(m_fd, line);
+  }
+  NoteWriteResult(error == 0, error);
+}
+
+// Traced outside the write lock: the tracer may be slow, and a full disk fails every
+// record, so only the first failure of a streak and the recovery are worth a line.
+void EventLog::NoteWriteResult(bool ok, int error) noexcept {
+  if (!ok) m_writeFailures.fetch_add(1, std::memory_order_relaxed);
+  bool changed = false;
+  {
+    std::lock_guard lock(m_mutex);
+    changed = m_failing == ok;
+    m_failing = !ok;
+  }
+  if (!changed) return;
+  if (ok) {
+    QEB_TRACE(m_tracer, qeb::trace::LevelNotice) << "Writing the events file " << m_path
+                                                 << " works again";
+  } else {
+    QEB_TRACE(m_tracer, qeb::trace::LevelError)
+        << "Cannot write the events file " << m_path << ": " << std::strerror(error)
+        << "; records are dropped until writing works again";
+  }
+}
+
+}  // namespace oasd

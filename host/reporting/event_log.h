@@ -1,0 +1,63 @@
+// oasd's events file: processing errors the module publishes and detections the engine
+// reports, one JSON object per line. It owns the events descriptor and its write-failure
+// count; callers hand records over by value or reference and keep nothing shared with it.
+// Without an events file it still counts what passes through, it only writes nothing.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <mutex>
+#include <string>
+
+#include "framework/qeb/host_object.h"
+#include "framework/qeb/objptr.h"
+#include "host/common/host_metrics.h"
+#include "interfaces/nox/event_publisher.h"
+#include "interfaces/qeb/tracer.h"
+
+namespace oasd {
+
+// What the engine reports about a file it refused.
+struct DetectionRecord {
+  std::string path;
+  std::string threat;
+  uint32_t pid = 0;
+  uint32_t uid = 0;
+  std::string operation;
+};
+
+// The JSON lines written for each record (newline included); paths that are not valid
+// UTF-8 have their bad bytes replaced, never dropped silently or thrown on.
+std::string ProcessingErrorLine(const nox::ProcessingErrorEvent& event,
+                                std::chrono::system_clock::time_point now);
+std::string DetectionLine(const DetectionRecord& record, std::chrono::system_clock::time_point now);
+
+class EventLog : public qeb::object::Ifaces<nox::IEventPublisher> {
+ public:
+  EventLog(qeb::objptr_t<qeb::ITracer> tracer, HostMetrics& metrics, std::string path);
+  ~EventLog();
+
+  // Opens the events file for appending; an empty path means no file.
+  qeb::result_t SetUp();
+  void TearDown() noexcept;
+
+  qeb::result_t Publish(nox::ProcessingErrorEvent&& event) noexcept override;
+  void Detection(const DetectionRecord& record) noexcept;
+
+  uint64_t WriteFailures() const noexcept { return m_writeFailures; }
+
+ private:
+  void Append(const std::string& line) noexcept;
+  void NoteWriteResult(bool ok, int error) noexcept;
+
+  qeb::objptr_t<qeb::ITracer> m_tracer;
+  HostMetrics& m_metrics;
+  const std::string m_path;
+  std::mutex m_mutex;
+  int m_fd = -1;
+  bool m_failing = false;  // under m_mutex: a failure streak is traced once, and its end
+  std::atomic<uint64_t> m_writeFailures{0};
+};
+
+}  // namespace oasd
