@@ -1,7 +1,8 @@
 // Exactly once comes from one rule: whoever takes an event out of its slot, or marks it
 // answered, under the mutex, is the one who answers it. The verdict and the reader free the
-// slot and answer outside the lock; the deadline and the drain answer under it but keep the
-// slot, so a late verdict closes the descriptor only after their answer has been written.
+// slot and answer outside the lock; the deadline, the drain and an early refusal answer
+// under it but keep the slot, so a late verdict closes the descriptor only after their
+// answer has been written.
 #include "host/interception/permission_table.h"
 
 #include <pthread.h>
@@ -95,7 +96,7 @@ void PermissionTable::Drain() {
       for (size_t fd = 0; fd < m_slots.size(); ++fd) {
         Slot& slot = m_slots[fd];
         if (slot.cookie != 0 && slot.kind == Kind::Permission && !slot.answered)
-          AllowHeld(static_cast<int>(fd), slot);
+          AnswerHeld(static_cast<int>(fd), slot, true);
       }
       m_due.clear();
     }
@@ -114,8 +115,20 @@ PermissionTable::Slot* PermissionTable::Find(int fd, uint64_t cookie) {
   return slot.cookie == cookie && cookie != 0 ? &slot : nullptr;
 }
 
-void PermissionTable::AllowHeld(int fd, Slot& slot) {
-  m_responder->Respond(fd, true);
+bool PermissionTable::RefuseNow(int fd) noexcept {
+  std::lock_guard lock(m_mutex);
+  if (fd < 0 || static_cast<size_t>(fd) >= m_slots.size()) return true;
+  Slot& slot = m_slots[static_cast<size_t>(fd)];
+  if (slot.cookie == 0 || slot.kind != Kind::Permission) return true;
+  if (slot.answered) return false;
+  AnswerHeld(fd, slot, false);
+  // The verdict that follows finds the event answered and is not counted again.
+  m_metrics.verdictsDeny.fetch_add(1, std::memory_order_relaxed);
+  return true;
+}
+
+void PermissionTable::AnswerHeld(int fd, Slot& slot, bool allow) {
+  m_responder->Respond(fd, allow);
   slot.answered = true;
   if (slot.pending) {
     slot.pending = false;
@@ -146,8 +159,9 @@ void PermissionTable::ExpireDue(Clock::time_point now) {
     m_due.pop_front();
     Slot* slot = Find(due.fd, due.cookie);
     if (!slot || slot->answered) continue;
-    AllowHeld(due.fd, *slot);
-    m_metrics.deadlineAllows.fetch_add(1, std::memory_order_relaxed);
+    const bool allow = !m_denyAtDeadline;
+    AnswerHeld(due.fd, *slot, allow);
+    (allow ? m_metrics.deadlineAllows : m_metrics.deadlineDenies).fetch_add(1, std::memory_order_relaxed);
   }
 }
 

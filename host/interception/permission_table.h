@@ -2,7 +2,8 @@
 // table owns every descriptor it accepted and closes each exactly once; the answer to the
 // kernel goes through the PermissionResponder seam, exactly once per permission event,
 // whoever comes first: the reader with the module's immediate answer, the module's verdict,
-// the hard deadline, or the stop's drain. It owns the deadline thread, nothing else.
+// the engine's early refusal, the hard deadline (allow or deny, as configured), or the
+// stop's drain. It owns the deadline thread, nothing else.
 #pragma once
 
 #include <atomic>
@@ -55,6 +56,13 @@ class PermissionTable {
   // the event and returns true when it was still waiting. An event the deadline or the drain
   // already answered only has its descriptor closed, and an unknown one is left alone.
   bool Complete(int fd, uint64_t cookie, bool allow) noexcept;
+  // A detection refuses the open behind fd now, ahead of the module's verdict, which then
+  // only closes the descriptor. False when the deadline or the drain answered it first: the
+  // detection came late. True for a notification or an event the table does not hold.
+  bool RefuseNow(int fd) noexcept;
+  // What the deadline answers from now on (deadline_action).
+  void SetDeadlineAction(bool deny) noexcept { m_denyAtDeadline = deny; }
+
   // Allows every permission event still waiting, stops the deadline thread and refuses
   // later events. Their descriptors stay open until their verdicts come, since the module
   // may still be reading them. Idempotent.
@@ -81,9 +89,9 @@ class PermissionTable {
 
   // The slot holding this event, or null; m_mutex held.
   Slot* Find(int fd, uint64_t cookie);
-  // Allows a waiting permission event; the answer is written under m_mutex so the
+  // Answers a waiting permission event; the answer is written under m_mutex so the
   // descriptor cannot be closed under it.
-  void AllowHeld(int fd, Slot& slot);
+  void AnswerHeld(int fd, Slot& slot, bool allow);
   void RunDeadlines();
   void ExpireDue(Clock::time_point now);
   void StopDeadlineThread();
@@ -91,6 +99,7 @@ class PermissionTable {
   const std::shared_ptr<PermissionResponder> m_responder;
   HostMetrics& m_metrics;
   const std::chrono::milliseconds m_deadline;
+  std::atomic<bool> m_denyAtDeadline{false};
 
   mutable std::mutex m_mutex;  // a leaf lock: no host or module call is made under it
   std::condition_variable m_wake;
