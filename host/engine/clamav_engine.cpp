@@ -15,7 +15,6 @@
 #include <fstream>
 #include <mutex>
 #include <sstream>
-#include <thread>
 #include <utility>
 
 #include "framework/qeb/exception.h"
@@ -244,7 +243,11 @@ ClamavEngine::EnginePtr ClamavEngine::CurrentEngine() const {
 
 void ClamavEngine::ApplyOptions(const HostOptions& options) noexcept {
   m_useChecker = options.settings.ScanSettings.ScanSettingsBase.use_ichecker;
-  m_delayMs = options.engineDelayMs;
+  {
+    std::lock_guard lock(m_delayMutex);
+    m_delayMs = options.engineDelayMs;
+  }
+  m_delayChanged.notify_all();
   m_denyUnscanned = options.denyUnscanned;
   std::lock_guard reload(m_reloadMutex);
   m_nextLimits = LimitsFor(options);
@@ -329,9 +332,15 @@ ScanOutcome ClamavEngine::ScanHead(int fd, const EnginePtr& engine, uint64_t siz
   return outcome;
 }
 
+// Re-read on every wake, so a SIGHUP that shortens the delay releases the scans held in it.
 void ClamavEngine::Delay() const noexcept {
-  const uint32_t ms = m_delayMs;
-  if (ms != 0) std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+  const auto start = std::chrono::steady_clock::now();
+  std::unique_lock lock(m_delayMutex);
+  for (;;) {
+    const auto until = start + std::chrono::milliseconds(m_delayMs.load());
+    if (std::chrono::steady_clock::now() >= until) return;
+    m_delayChanged.wait_until(lock, until);
+  }
 }
 
 // ---- events ------------------------------------------------------------------------

@@ -7,6 +7,8 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -69,8 +71,10 @@ class ClamavEngine : public qeb::object::Ifaces<vrel::IEventHandler085> {
   // Scans what fd refers to (the descriptor is read, never closed or reopened); scans of
   // the same file state running at the same time share one.
   ScanOutcome ScanDescriptor(int fd);
-  // For tests: blocks until `count` callers wait for the scan running for key.
-  void AwaitWaiters(const CheckedKey& key, size_t count) const { m_inFlight.AwaitWaiters(key, count); }
+  // For tests: waits up to `limit` for `count` callers to wait for the scan running for key.
+  bool AwaitWaiters(const CheckedKey& key, size_t count, std::chrono::milliseconds limit) const {
+    return m_inFlight.AwaitWaiters(key, count, limit);
+  }
 
   qeb::result_t OnEvent(vrel::IEvent085* event, uint32_t context) noexcept override;
   qeb::result_t OnEventCancelled(vrel::IEvent085* event, uint32_t context) noexcept override;
@@ -99,6 +103,8 @@ class ClamavEngine : public qeb::object::Ifaces<vrel::IEventHandler085> {
   std::atomic<bool> m_useChecker;
   std::atomic<bool> m_denyUnscanned;
   std::atomic<uint32_t> m_delayMs;
+  mutable std::mutex m_delayMutex;  // with m_delayChanged: a shorter delay ends waits at once
+  mutable std::condition_variable m_delayChanged;
   std::atomic<bool> m_stopping{false};
 
   mutable std::mutex m_engineMutex;  // guards the pointer only, never held across a scan

@@ -56,9 +56,10 @@ ScanOutcome ScanCoalescer::Lead(const FlightPtr& flight, const Scan& scan, const
   return *std::move(outcome);
 }
 
-void ScanCoalescer::AwaitWaiters(const CheckedKey& key, size_t count) const {
+bool ScanCoalescer::AwaitWaiters(const CheckedKey& key, size_t count,
+                                 std::chrono::milliseconds limit) const {
   std::unique_lock lock(m_mutex);
-  m_changed.wait(lock, [&] {
+  return m_changed.wait_for(lock, limit, [&] {
     const FlightPtr flight = FindLocked(key);
     return flight && flight->waiters >= count;
   });

@@ -3,6 +3,7 @@
 // the scans in flight, each shared by its leader and waiters until the last lets go.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <functional>
@@ -28,8 +29,8 @@ class ScanCoalescer {
   // tells whether the outcome came from another caller's scan.
   ScanOutcome Run(const CheckedKey& key, const Scan& scan, const Recheck& recheck, bool& shared);
 
-  // Blocks until the scan running for key has `count` waiters (for tests).
-  void AwaitWaiters(const CheckedKey& key, size_t count) const;
+  // Waits up to `limit` for the scan running for key to have `count` waiters (for tests).
+  bool AwaitWaiters(const CheckedKey& key, size_t count, std::chrono::milliseconds limit) const;
 
  private:
   struct Flight {

@@ -95,6 +95,33 @@ TEST_F(TableTest, DeadlineAllowsAndKeepsTheDescriptorUntilTheLateVerdict) {
   EXPECT_EQ(responder->History(7), "AC");
 }
 
+// A detection refuses its opener before the module's verdict arrives; once the deadline
+// has answered (allow or deny, as configured) the refusal comes too late and says so.
+TEST_F(TableTest, DetectionRefusesAtOnceUnlessTheDeadlineAnsweredFirst) {
+  auto table = MakeTable(20ms);
+  table->SetDeadlineAction(true);
+  table->Start();
+  ASSERT_TRUE(table->Add(7, 1, Kind::Permission));
+  table->MarkPending(7, 1);
+  ASSERT_TRUE(WaitForHistory(7, "D"));
+  EXPECT_EQ(metrics.deadlineDenies.load(), 1u);
+  EXPECT_EQ(metrics.deadlineAllows.load(), 0u);
+  EXPECT_FALSE(table->RefuseNow(7));
+  EXPECT_FALSE(table->Complete(7, 1, false));
+  EXPECT_EQ(responder->History(7), "DC");
+
+  ASSERT_TRUE(table->Add(8, 2, Kind::Permission));
+  ASSERT_TRUE(table->Add(9, 3, Kind::Notification));
+  EXPECT_TRUE(table->RefuseNow(8));
+  EXPECT_TRUE(table->RefuseNow(9));  // nobody waits on a notification: never late
+  EXPECT_EQ(responder->History(8), "D");
+  EXPECT_FALSE(table->Complete(8, 2, false));  // the verdict behind it only closes
+  EXPECT_TRUE(table->Complete(9, 3, false));
+  EXPECT_EQ(responder->History(8), "DC");
+  EXPECT_EQ(responder->History(9), "C");
+  EXPECT_EQ(metrics.verdictsDeny.load(), 1u);
+}
+
 TEST_F(TableTest, DrainAllowsWaitingEventsRefusesNewOnesAndLeavesNotificationsToTheirVerdicts) {
   auto table = MakeTable();
   ASSERT_TRUE(table->Add(3, 1, Kind::Permission));
