@@ -334,6 +334,7 @@ ScanOutcome ClamavEngine::ScanHead(int fd, const EnginePtr& engine, uint64_t siz
 
 // Re-read on every wake, so a SIGHUP that shortens the delay releases the scans held in it.
 void ClamavEngine::Delay() const noexcept {
+  if (m_delayMs == 0) return;
   const auto start = std::chrono::steady_clock::now();
   std::unique_lock lock(m_delayMutex);
   for (;;) {
