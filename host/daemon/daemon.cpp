@@ -327,8 +327,8 @@ void SetUpEngine(Services& s, const HostOptions& options, HostMetrics& metrics) 
   s.clamav = MakeHostObject<ClamavEngine>(
       tracer, metrics, options, [log](const DetectionRecord& record) { log->Detection(record); },
       [log](const UnprocessedRecord& record) { log->Unprocessed(record); });
-  // A detection answers its opener at once, so the records can tell a late one.
-  s.clamav->SetRefuseNow([table = s.permissions](int fd) { return table->RefuseNow(fd); });
+  // A detection's answer is announced to the deadline, so the records can tell a late one.
+  s.clamav->SetExpectVerdict([table = s.permissions](int fd) { return table->ExpectVerdict(fd); });
   Require(s.clamav->SetUp(), "cannot load the signatures from " + SignatureDirFor(options));
   s.engine = objptr_t<vrel::IEventHandler085>(s.clamav.Get());
 }

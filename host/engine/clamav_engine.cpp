@@ -399,9 +399,9 @@ void ClamavEngine::ReportDetection(vrel::IEvent085* event, const std::string& th
   event->GetEventHeader(header);
   DetectionRecord record{EventPath(event), threat, static_cast<uint32_t>(header.processId),
                          ProcessUid(header.processId), OperationName(header)};
-  // The refusal goes out before the record is written, so "late" says exactly whether the
-  // opener was still waiting for it.
-  record.late = m_refuseNow && !m_refuseNow(EventDescriptor(event));
+  // The verdict follows at once and the deadline now waits for it, so "late" says exactly
+  // whether the opener was still waiting for this answer.
+  record.late = m_expectVerdict && !m_expectVerdict(EventDescriptor(event));
   QEB_TRACE(m_tracer, LevelNotice) << "engine: detected " << threat << " in " << record.path << " ("
                                    << record.operation << " by pid " << record.pid << ")"
                                    << (record.late ? ", after the open was answered" : "");

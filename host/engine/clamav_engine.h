@@ -34,10 +34,10 @@ namespace oasd {
 
 using DetectionCallback = std::function<void(const DetectionRecord&)>;
 using UnprocessedCallback = std::function<void(const UnprocessedRecord&)>;
-// Refuses the open waiting behind a descriptor at once, before the module's verdict makes
-// its way back; false when something else answered it first (the deadline, a stop), which
-// makes the detection late.
-using RefuseNow = std::function<bool(int fd)>;
+// Announces that the answer for the open behind a descriptor is on its way, so the deadline
+// does not take it over; false when something else answered it already (the deadline, a
+// stop), which makes a detection late.
+using ExpectVerdict = std::function<bool(int fd)>;
 
 // The signature directory options name, or the bundled set: the source tree's when oasd
 // runs from its build tree, the installed one otherwise.
@@ -60,7 +60,7 @@ class ClamavEngine : public qeb::object::Ifaces<vrel::IEventHandler085> {
   // unscanned policy and the limits (these with the next ReloadSignatures).
   void ApplyOptions(const HostOptions& options) noexcept;
   // Set once, before the first event.
-  void SetRefuseNow(RefuseNow refuse) { m_refuseNow = std::move(refuse); }
+  void SetExpectVerdict(ExpectVerdict expect) { m_expectVerdict = std::move(expect); }
   // For a stop: events not yet scanned are let through unscanned from now on, so the stop
   // does not first work through a full queue. Scans already running finish.
   void StopScanning() noexcept { m_stopping = true; }
@@ -99,7 +99,7 @@ class ClamavEngine : public qeb::object::Ifaces<vrel::IEventHandler085> {
   const std::string m_signatureDir;
   DetectionCallback m_onDetection;
   UnprocessedCallback m_onUnprocessed;
-  RefuseNow m_refuseNow;
+  ExpectVerdict m_expectVerdict;
   std::atomic<bool> m_useChecker;
   std::atomic<bool> m_denyUnscanned;
   std::atomic<uint32_t> m_delayMs;

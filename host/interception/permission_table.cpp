@@ -1,8 +1,10 @@
 // Exactly once comes from one rule: whoever takes an event out of its slot, or marks it
 // answered, under the mutex, is the one who answers it. The verdict and the reader free the
-// slot and answer outside the lock; the deadline, the drain and an early refusal answer
-// under it but keep the slot, so a late verdict closes the descriptor only after their
-// answer has been written.
+// slot and answer outside the lock; the deadline and the drain answer under it but keep the
+// slot, so a late verdict closes the descriptor only after their answer has been written.
+// A verdict announced by ExpectVerdict moves its deadline back once, by a bounded grace: the
+// engine learns exactly whether its answer will be the one the opener gets, and an opener
+// still never waits for a verdict that does not come.
 #include "host/interception/permission_table.h"
 
 #include <pthread.h>
@@ -55,9 +57,8 @@ void PermissionTable::MarkPending(int fd, uint64_t cookie) noexcept {
     Slot* slot = Find(fd, cookie);
     // Already answered by a verdict that beat OnEvent's return, or a notification.
     if (!slot || slot->kind != Kind::Permission || slot->answered || slot->pending) return;
-    wake = m_due.empty();
     try {
-      m_due.push_back(Due{Clock::now() + m_deadline, fd, cookie});
+      wake = Schedule(Due{Clock::now() + m_deadline, fd, cookie});
     } catch (...) {
       return;  // no deadline then: the module's verdict still comes, late at worst
     }
@@ -115,15 +116,13 @@ PermissionTable::Slot* PermissionTable::Find(int fd, uint64_t cookie) {
   return slot.cookie == cookie && cookie != 0 ? &slot : nullptr;
 }
 
-bool PermissionTable::RefuseNow(int fd) noexcept {
+bool PermissionTable::ExpectVerdict(int fd) noexcept {
   std::lock_guard lock(m_mutex);
   if (fd < 0 || static_cast<size_t>(fd) >= m_slots.size()) return true;
   Slot& slot = m_slots[static_cast<size_t>(fd)];
   if (slot.cookie == 0 || slot.kind != Kind::Permission) return true;
   if (slot.answered) return false;
-  AnswerHeld(fd, slot, false);
-  // The verdict that follows finds the event answered and is not counted again.
-  m_metrics.verdictsDeny.fetch_add(1, std::memory_order_relaxed);
+  slot.verdictExpected = true;
   return true;
 }
 
@@ -134,6 +133,19 @@ void PermissionTable::AnswerHeld(int fd, Slot& slot, bool allow) {
     slot.pending = false;
     m_metrics.pending.fetch_sub(1, std::memory_order_relaxed);
   }
+}
+
+// Deadlines mostly arrive in order, so the common case appends; a grace, or a deadline
+// shorter than a grace already waiting, goes to its place. True when it is now the first.
+bool PermissionTable::Schedule(const Due& due) {
+  if (m_due.empty() || m_due.back().at <= due.at) {
+    m_due.push_back(due);
+    return m_due.size() == 1;
+  }
+  const auto at = std::upper_bound(m_due.begin(), m_due.end(), due,
+                                   [](const Due& a, const Due& b) { return a.at < b.at; });
+  const auto inserted = m_due.insert(at, due);
+  return inserted == m_due.begin();
 }
 
 void PermissionTable::RunDeadlines() {
@@ -159,6 +171,14 @@ void PermissionTable::ExpireDue(Clock::time_point now) {
     m_due.pop_front();
     Slot* slot = Find(due.fd, due.cookie);
     if (!slot || slot->answered) continue;
+    if (std::exchange(slot->verdictExpected, false)) {
+      try {
+        Schedule(Due{now + VerdictGrace, due.fd, due.cookie});
+        continue;
+      } catch (...) {
+        // no room to wait longer: the deadline answers now
+      }
+    }
     const bool allow = !m_denyAtDeadline;
     AnswerHeld(due.fd, *slot, allow);
     (allow ? m_metrics.deadlineAllows : m_metrics.deadlineDenies).fetch_add(1, std::memory_order_relaxed);
