@@ -20,6 +20,13 @@ struct HostMetrics {
   std::atomic<uint64_t> scans{0};
   std::atomic<uint64_t> checkedCacheHits{0};
   std::atomic<int64_t> pending{0};           // permission events waiting for a verdict
+  std::atomic<uint64_t> deadlineDenies{0};   // pending events the hard deadline refused
+  std::atomic<uint64_t> lateDetections{0};   // detections made after the open was answered
+  std::atomic<uint64_t> coalescedScans{0};   // scans answered by a concurrent scan of the file
+  // Files the engine did not scan whole, by reason (the label each index is printed with).
+  static constexpr std::array<const char*, 4> UnprocessedReasons{"size_limit", "time_limit",
+                                                                 "scan_limit", "scan_error"};
+  std::array<std::atomic<uint64_t>, UnprocessedReasons.size()> unprocessed{};
 
   // Scan latency histogram, upper bounds in microseconds; the last bucket is +Inf.
   static constexpr std::array<uint64_t, 8> LatencyBoundsUs{100, 1000, 5000, 20000, 100000,

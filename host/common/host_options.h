@@ -27,6 +27,8 @@ struct HostOptions {
   uint32_t verdictTimeoutMs = 30000;     // the module's Init timeout
   uint32_t permissionDeadlineMs = 30000;  // host's hard limit before a pending open is allowed
   uint32_t stopTimeoutMs = 30000;  // a stop that takes longer (a scan that never returns) exits anyway
+  bool denyUnscanned = false;   // unscanned_action: what a file the engine did not scan whole gets
+  bool denyAtDeadline = false;  // deadline_action: what an open still waiting at the deadline gets
 
   uint32_t logLevel = 700;  // 300 errors, 700 notices, 800 detail
   std::string logFile;      // empty: stderr

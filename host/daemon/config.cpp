@@ -216,6 +216,13 @@ uint32_t ReadLogLevel(const json& value, const std::string& key) {
   Fail(key, "expected \"error\", \"notice\", \"detail\", 300, 700 or 800");
 }
 
+// unscanned_action and deadline_action: true for "deny".
+bool ReadDenyAction(const json& value, const std::string& key) {
+  const std::string action = ReadString(value, key);
+  if (action != "allow" && action != "deny") Fail(key, "expected \"allow\" or \"deny\"");
+  return action == "deny";
+}
+
 std::map<std::string, std::string> ReadApplications(const json& value, const std::string& key) {
   if (!value.is_object()) Fail(key, "expected an object");
   std::map<std::string, std::string> applications;
@@ -234,6 +241,10 @@ FieldTable TopLevelFields(HostOptions& o) {
       F("verdict_timeout_ms", o.verdictTimeoutMs),
       F("permission_deadline_ms", o.permissionDeadlineMs),
       F("stop_timeout_ms", o.stopTimeoutMs),
+      {"unscanned_action",
+       [&o](const json& v, const std::string& k) { o.denyUnscanned = ReadDenyAction(v, k); }},
+      {"deadline_action",
+       [&o](const json& v, const std::string& k) { o.denyAtDeadline = ReadDenyAction(v, k); }},
       {"log_level", [&o](const json& v, const std::string& k) { o.logLevel = ReadLogLevel(v, k); }},
       F("log_file", o.logFile),
       F("events_file", o.eventsFile),

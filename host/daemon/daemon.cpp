@@ -215,6 +215,7 @@ void Daemon::Reload() {
     m_services->clamav->ApplyOptions(fresh);
     m_services->clamav->ReloadSignatures();
   }
+  m_services->permissions->SetDeadlineAction(fresh.denyAtDeadline);
   m_services->applications->Reload(fresh.applications);
   m_services->taskManager->ReplaceSettings(fresh.settings);
   QEB_TRACE(tracer, trace::LevelNotice) << "oasd: configuration reloaded";
@@ -289,6 +290,7 @@ void SetUpInterception(Services& s, const HostOptions& options, HostMetrics& met
   Require(s.fanotify->SetUp(), "cannot set up fanotify (oasd needs root)");
   s.permissions = std::make_shared<PermissionTable>(
       s.fanotify->Responder(), metrics, std::chrono::milliseconds(options.permissionDeadlineMs));
+  s.permissions->SetDeadlineAction(options.denyAtDeadline);
   s.verdicts = MakeHostObject<VerdictNotifier>(s.permissions, metrics);
 }
 
@@ -323,7 +325,10 @@ void SetUpEngine(Services& s, const HostOptions& options, HostMetrics& metrics) 
   }
   objptr_t<EventLog> log = s.eventLog;
   s.clamav = MakeHostObject<ClamavEngine>(
-      tracer, metrics, options, [log](const DetectionRecord& record) { log->Detection(record); });
+      tracer, metrics, options, [log](const DetectionRecord& record) { log->Detection(record); },
+      [log](const UnprocessedRecord& record) { log->Unprocessed(record); });
+  // A detection's answer is announced to the deadline, so the records can tell a late one.
+  s.clamav->SetExpectVerdict([table = s.permissions](int fd) { return table->ExpectVerdict(fd); });
   Require(s.clamav->SetUp(), "cannot load the signatures from " + SignatureDirFor(options));
   s.engine = objptr_t<vrel::IEventHandler085>(s.clamav.Get());
 }

@@ -1,11 +1,13 @@
 // Scans run on the module's worker threads, each on the engine pointer it took at the start;
 // the engine mutex guards only that pointer. A reload swaps the pointer before it empties the
 // checked cache, and scans insert only under the cache generation they read before taking
-// the engine, so no clean result found with old signatures survives a reload.
+// the engine, so no clean result found with old signatures survives a reload. Only a clean
+// answer for the whole file is ever cacheable: a limit or an error makes it unscanned.
 #include "host/engine/clamav_engine.h"
 
 #include <clamav.h>
 #include <sys/stat.h>
+#include <stdint.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -13,7 +15,6 @@
 #include <fstream>
 #include <mutex>
 #include <sstream>
-#include <thread>
 #include <utility>
 
 #include "framework/qeb/exception.h"
@@ -100,6 +101,59 @@ uint32_t ProcessUid(int32_t pid) {
   return kUnknownUid;
 }
 
+// The names one scan reported, through the engine's virus-found callback: libclamav 1.x
+// leaves virname unset for some heuristic alerts, and reports a hit limit and a threat
+// found after it in the same scan.
+struct ScanNames {
+  std::string threat;  // the first that is not a limit
+  std::string limit;
+};
+
+void CollectName(int, const char* name, void* context) {
+  if (!context || !name) return;
+  auto& names = *static_cast<ScanNames*>(context);
+  std::string& slot = LimitNamed(name) ? names.limit : names.threat;
+  if (slot.empty()) slot = name;
+}
+
+off_t ReadAt(void* handle, void* buffer, size_t count, off_t offset) {
+  return ::pread(static_cast<int>(reinterpret_cast<intptr_t>(handle)), buffer, count, offset);
+}
+
+cl_scan_options ScanOptions() {
+  cl_scan_options options{};
+  options.parse = ~0u;
+  // Without this a file past a limit comes back clean.
+  options.general = CL_SCAN_GENERAL_HEURISTICS;
+  options.heuristic = CL_SCAN_HEURISTIC_EXCEEDS_MAX;
+  return options;
+}
+
+ScanOutcome Outcome(ScanOutcome::Kind kind, std::string text = {}) {
+  ScanOutcome outcome;
+  outcome.kind = kind;
+  outcome.threat = std::move(text);
+  return outcome;
+}
+
+ScanOutcome Unscanned(UnscannedReason reason, std::string detail) {
+  ScanOutcome outcome = Outcome(ScanOutcome::Unscanned, std::move(detail));
+  outcome.reason = reason;
+  return outcome;
+}
+
+ScanOutcome Interpret(cl_error_t r, const char* virname, const ScanNames& names) {
+  if (!names.threat.empty()) return Outcome(ScanOutcome::Detected, ThreatName(names.threat.c_str()));
+  if (!names.limit.empty()) return Unscanned(*LimitNamed(names.limit), names.limit);
+  if (r == CL_CLEAN) return Outcome(ScanOutcome::Clean);
+  if (r == CL_VIRUS) {
+    if (virname)
+      if (const auto limit = LimitNamed(virname)) return Unscanned(*limit, virname);
+    return Outcome(ScanOutcome::Detected, ThreatName(virname));
+  }
+  return Unscanned(ReasonOfError(r), cl_strerror(r));
+}
+
 uint64_t MicrosecondsSince(std::chrono::steady_clock::time_point start) {
   const auto elapsed = std::chrono::steady_clock::now() - start;
   return static_cast<uint64_t>(
@@ -115,13 +169,17 @@ std::string SignatureDirFor(const HostOptions& options) {
 }
 
 ClamavEngine::ClamavEngine(qeb::objptr_t<qeb::ITracer> tracer, HostMetrics& metrics,
-                           const HostOptions& options, DetectionCallback onDetection)
+                           const HostOptions& options, DetectionCallback onDetection,
+                           UnprocessedCallback onUnprocessed)
     : m_tracer(std::move(tracer)),
       m_metrics(metrics),
       m_signatureDir(SignatureDirFor(options)),
       m_onDetection(std::move(onDetection)),
+      m_onUnprocessed(std::move(onUnprocessed)),
       m_useChecker(options.settings.ScanSettings.ScanSettingsBase.use_ichecker),
+      m_denyUnscanned(options.denyUnscanned),
       m_delayMs(options.engineDelayMs),
+      m_nextLimits(LimitsFor(options)),
       m_checked(options.checkedCacheEntries) {}
 
 ClamavEngine::~ClamavEngine() { TearDown(); }
@@ -152,6 +210,7 @@ qeb::result_t ClamavEngine::ReloadSignatures() {
   }
   m_checked.Clear();
   m_signatureCount = signatures;
+  m_fileSizeLimit = m_nextLimits.fileSize;
   QEB_TRACE(m_tracer, LevelNotice)
       << "engine: loaded " << signatures << " signatures from " << m_signatureDir;
   return res::Ok;
@@ -161,7 +220,9 @@ qeb::result_t ClamavEngine::LoadEngine(EnginePtr& engine, unsigned& signatures) 
   if (InitLibrary() != CL_SUCCESS) return res::NotReady;
   engine = EnginePtr(cl_engine_new(), cl_engine_free);
   if (!engine) return res::OutOfMemory;
-  cl_error_t r = cl_load(m_signatureDir.c_str(), engine.get(), &signatures, CL_DB_STDOPT);
+  cl_engine_set_clcb_virus_found(engine.get(), CollectName);
+  cl_error_t r = ApplyLimits(engine.get(), m_nextLimits);
+  if (r == CL_SUCCESS) r = cl_load(m_signatureDir.c_str(), engine.get(), &signatures, CL_DB_STDOPT);
   if (r == CL_SUCCESS && signatures == 0) {
     QEB_TRACE(m_tracer, LevelError) << "engine: no signatures in " << m_signatureDir;
     return res::NotFound;
@@ -182,7 +243,14 @@ ClamavEngine::EnginePtr ClamavEngine::CurrentEngine() const {
 
 void ClamavEngine::ApplyOptions(const HostOptions& options) noexcept {
   m_useChecker = options.settings.ScanSettings.ScanSettingsBase.use_ichecker;
-  m_delayMs = options.engineDelayMs;
+  {
+    std::lock_guard lock(m_delayMutex);
+    m_delayMs = options.engineDelayMs;
+  }
+  m_delayChanged.notify_all();
+  m_denyUnscanned = options.denyUnscanned;
+  std::lock_guard reload(m_reloadMutex);
+  m_nextLimits = LimitsFor(options);
 }
 
 // ---- scanning ----------------------------------------------------------------------
@@ -190,42 +258,90 @@ void ClamavEngine::ApplyOptions(const HostOptions& options) noexcept {
 ScanOutcome ClamavEngine::ScanDescriptor(int fd) {
   std::optional<CheckedKey> key;
   timespec keyReadAt{};
-  if (m_useChecker && ::clock_gettime(CLOCK_REALTIME, &keyReadAt) == 0) key = CheckedKeyOfFd(fd);
-  if (key && m_checked.Contains(*key)) {
+  if (::clock_gettime(CLOCK_REALTIME, &keyReadAt) == 0) key = CheckedKeyOfFd(fd);
+  if (key && m_useChecker && m_checked.Contains(*key)) {
     m_metrics.checkedCacheHits.fetch_add(1, std::memory_order_relaxed);
-    return ScanOutcome{ScanOutcome::Clean, {}, true};
+    ScanOutcome cached = Outcome(ScanOutcome::Clean);
+    cached.fromCache = true;
+    return cached;
   }
+  // A key that changed within the clock's tick could stand for two contents: such a file
+  // is scanned on its own.
+  if (!key || !ChangeSettled(*key, keyReadAt)) return ScanAndRemember(fd, key, keyReadAt);
+  bool shared = false;
+  ScanOutcome outcome = m_inFlight.Run(
+      *key, [&] { return ScanAndRemember(fd, key, keyReadAt); },
+      [fd] { return CheckedKeyOfFd(fd); }, shared);
+  if (shared) m_metrics.coalescedScans.fetch_add(1, std::memory_order_relaxed);
+  return outcome;
+}
+
+ScanOutcome ClamavEngine::ScanAndRemember(int fd, const std::optional<CheckedKey>& key,
+                                          const timespec& keyReadAt) {
   const uint64_t generation = m_checked.Generation();
   const EnginePtr engine = CurrentEngine();
-  if (!engine) return ScanOutcome{ScanOutcome::Failed, "no signatures loaded", false};
+  if (!engine) return Unscanned(UnscannedReason::ScanError, "no signatures loaded");
 
   const auto start = std::chrono::steady_clock::now();
   Delay();
   ScanOutcome outcome = ScanWithEngine(fd, engine);
   m_metrics.RecordScanLatency(MicrosecondsSince(start));
   m_metrics.scans.fetch_add(1, std::memory_order_relaxed);
-  if (key && outcome.kind == ScanOutcome::Clean && ChangeSettled(*key, keyReadAt))
+  if (m_useChecker && key && outcome.kind == ScanOutcome::Clean && ChangeSettled(*key, keyReadAt))
     m_checked.Insert(*key, generation);
   return outcome;
 }
 
 ScanOutcome ClamavEngine::ScanWithEngine(int fd, const EnginePtr& engine) {
+  struct stat st {};
+  const uint64_t limit = m_fileSizeLimit;
+  if (::fstat(fd, &st) == 0 && static_cast<uint64_t>(st.st_size) > limit)
+    return ScanHead(fd, engine, static_cast<uint64_t>(st.st_size), limit);
   // The descriptor is an open file description of its own (fanotify opens one per event),
   // so moving its offset disturbs nobody.
   ::lseek(fd, 0, SEEK_SET);
-  cl_scan_options options{};
-  options.parse = ~0u;
+  cl_scan_options options = ScanOptions();
   const char* virname = nullptr;
   unsigned long scanned = 0;
-  const cl_error_t r = cl_scandesc(fd, nullptr, &virname, &scanned, engine.get(), &options);
-  if (r == CL_CLEAN) return ScanOutcome{ScanOutcome::Clean, {}, false};
-  if (r == CL_VIRUS) return ScanOutcome{ScanOutcome::Detected, ThreatName(virname), false};
-  return ScanOutcome{ScanOutcome::Failed, cl_strerror(r), false};
+  ScanNames names;
+  const cl_error_t r =
+      cl_scandesc_callback(fd, nullptr, &virname, &scanned, engine.get(), &options, &names);
+  return Interpret(r, virname, names);
 }
 
+// A file past the size limit is scanned up to the limit, so a threat in its head is found as
+// in a small file; the rest stays unscanned, which the answer says.
+ScanOutcome ClamavEngine::ScanHead(int fd, const EnginePtr& engine, uint64_t size, uint64_t limit) {
+  const uint64_t length = HeadScanLength(fd, size, limit);
+  const std::string detail = std::to_string(size) + " bytes, over the size limit of " +
+                             std::to_string(limit) + "; the first " + std::to_string(length) +
+                             " scanned";
+  if (length == 0) return Unscanned(UnscannedReason::SizeLimit, detail);
+  const std::unique_ptr<cl_fmap_t, decltype(&cl_fmap_close)> map(
+      cl_fmap_open_handle(reinterpret_cast<void*>(static_cast<intptr_t>(fd)), 0, length, ReadAt, 1),
+      cl_fmap_close);
+  if (!map) return Unscanned(UnscannedReason::ScanError, "cannot map the file's head");
+  cl_scan_options options = ScanOptions();
+  const char* virname = nullptr;
+  unsigned long scanned = 0;
+  ScanNames names;
+  const cl_error_t r =
+      cl_scanmap_callback(map.get(), nullptr, &virname, &scanned, engine.get(), &options, &names);
+  ScanOutcome outcome = Interpret(r, virname, names);
+  if (outcome.kind == ScanOutcome::Clean) return Unscanned(UnscannedReason::SizeLimit, detail);
+  return outcome;
+}
+
+// Re-read on every wake, so a SIGHUP that shortens the delay releases the scans held in it.
 void ClamavEngine::Delay() const noexcept {
-  const uint32_t ms = m_delayMs;
-  if (ms != 0) std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+  if (m_delayMs == 0) return;
+  const auto start = std::chrono::steady_clock::now();
+  std::unique_lock lock(m_delayMutex);
+  for (;;) {
+    const auto until = start + std::chrono::milliseconds(m_delayMs.load());
+    if (std::chrono::steady_clock::now() >= until) return;
+    m_delayChanged.wait_until(lock, until);
+  }
 }
 
 // ---- events ------------------------------------------------------------------------
@@ -270,12 +386,12 @@ qeb::result_t ClamavEngine::Answer(vrel::IEvent085* event, const ScanOutcome& ou
     case ScanOutcome::Detected:
       ReportDetection(event, outcome.threat);
       return event->Reply(vrel::BasicVerdict::Deny);
-    case ScanOutcome::Failed: break;
+    case ScanOutcome::Unscanned: break;
   }
-  // A file the engine could not read is let through, and scanned again next time.
-  QEB_TRACE(m_tracer, LevelError) << "engine: cannot scan " << EventPath(event) << ": "
-                                  << outcome.threat;
-  return event->Reply(vrel::BasicVerdict::Allow);
+  // Never cacheable: the next open scans the file again.
+  const bool deny = m_denyUnscanned;
+  ReportUnprocessed(event, outcome, deny);
+  return event->Reply(deny ? vrel::BasicVerdict::Deny : vrel::BasicVerdict::Allow);
 }
 
 void ClamavEngine::ReportDetection(vrel::IEvent085* event, const std::string& threat) {
@@ -283,11 +399,38 @@ void ClamavEngine::ReportDetection(vrel::IEvent085* event, const std::string& th
   event->GetEventHeader(header);
   DetectionRecord record{EventPath(event), threat, static_cast<uint32_t>(header.processId),
                          ProcessUid(header.processId), OperationName(header)};
+  // The verdict follows at once and the deadline now waits for it, so "late" says exactly
+  // whether the opener was still waiting for this answer.
+  record.late = m_expectVerdict && !m_expectVerdict(EventDescriptor(event));
   QEB_TRACE(m_tracer, LevelNotice) << "engine: detected " << threat << " in " << record.path << " ("
-                                   << record.operation << " by pid " << record.pid << ")";
+                                   << record.operation << " by pid " << record.pid << ")"
+                                   << (record.late ? ", after the open was answered" : "");
   if (!m_onDetection) return;
   try {
     m_onDetection(record);
+  } catch (...) {
+    qeb::TraceCurrentException(m_tracer.Get());
+  }
+}
+
+void ClamavEngine::ReportUnprocessed(vrel::IEvent085* event, const ScanOutcome& outcome, bool denied) {
+  m_metrics.unprocessed[static_cast<size_t>(outcome.reason)].fetch_add(1, std::memory_order_relaxed);
+  vrel::EventHeader header{};
+  event->GetEventHeader(header);
+  UnprocessedRecord record{EventPath(event),
+                           ReasonName(outcome.reason),
+                           outcome.threat,
+                           static_cast<uint32_t>(header.processId),
+                           ProcessUid(header.processId),
+                           OperationName(header),
+                           denied};
+  const auto level = outcome.reason == UnscannedReason::ScanError ? LevelError : LevelNotice;
+  QEB_TRACE(m_tracer, level) << "engine: not scanned whole (" << record.reason << ": "
+                             << record.detail << "), " << (denied ? "denied" : "allowed") << ": "
+                             << record.path;
+  if (!m_onUnprocessed) return;
+  try {
+    m_onUnprocessed(record);
   } catch (...) {
     qeb::TraceCurrentException(m_tracer.Get());
   }

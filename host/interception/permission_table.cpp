@@ -2,6 +2,9 @@
 // answered, under the mutex, is the one who answers it. The verdict and the reader free the
 // slot and answer outside the lock; the deadline and the drain answer under it but keep the
 // slot, so a late verdict closes the descriptor only after their answer has been written.
+// A verdict announced by ExpectVerdict moves its deadline back once, by a bounded grace: the
+// engine learns exactly whether its answer will be the one the opener gets, and an opener
+// still never waits for a verdict that does not come.
 #include "host/interception/permission_table.h"
 
 #include <pthread.h>
@@ -54,9 +57,8 @@ void PermissionTable::MarkPending(int fd, uint64_t cookie) noexcept {
     Slot* slot = Find(fd, cookie);
     // Already answered by a verdict that beat OnEvent's return, or a notification.
     if (!slot || slot->kind != Kind::Permission || slot->answered || slot->pending) return;
-    wake = m_due.empty();
     try {
-      m_due.push_back(Due{Clock::now() + m_deadline, fd, cookie});
+      wake = Schedule(Due{Clock::now() + m_deadline, fd, cookie});
     } catch (...) {
       return;  // no deadline then: the module's verdict still comes, late at worst
     }
@@ -95,7 +97,7 @@ void PermissionTable::Drain() {
       for (size_t fd = 0; fd < m_slots.size(); ++fd) {
         Slot& slot = m_slots[fd];
         if (slot.cookie != 0 && slot.kind == Kind::Permission && !slot.answered)
-          AllowHeld(static_cast<int>(fd), slot);
+          AnswerHeld(static_cast<int>(fd), slot, true);
       }
       m_due.clear();
     }
@@ -114,13 +116,36 @@ PermissionTable::Slot* PermissionTable::Find(int fd, uint64_t cookie) {
   return slot.cookie == cookie && cookie != 0 ? &slot : nullptr;
 }
 
-void PermissionTable::AllowHeld(int fd, Slot& slot) {
-  m_responder->Respond(fd, true);
+bool PermissionTable::ExpectVerdict(int fd) noexcept {
+  std::lock_guard lock(m_mutex);
+  if (fd < 0 || static_cast<size_t>(fd) >= m_slots.size()) return true;
+  Slot& slot = m_slots[static_cast<size_t>(fd)];
+  if (slot.cookie == 0 || slot.kind != Kind::Permission) return true;
+  if (slot.answered) return false;
+  slot.verdictExpected = true;
+  return true;
+}
+
+void PermissionTable::AnswerHeld(int fd, Slot& slot, bool allow) {
+  m_responder->Respond(fd, allow);
   slot.answered = true;
   if (slot.pending) {
     slot.pending = false;
     m_metrics.pending.fetch_sub(1, std::memory_order_relaxed);
   }
+}
+
+// Deadlines mostly arrive in order, so the common case appends; a grace, or a deadline
+// shorter than a grace already waiting, goes to its place. True when it is now the first.
+bool PermissionTable::Schedule(const Due& due) {
+  if (m_due.empty() || m_due.back().at <= due.at) {
+    m_due.push_back(due);
+    return m_due.size() == 1;
+  }
+  const auto at = std::upper_bound(m_due.begin(), m_due.end(), due,
+                                   [](const Due& a, const Due& b) { return a.at < b.at; });
+  const auto inserted = m_due.insert(at, due);
+  return inserted == m_due.begin();
 }
 
 void PermissionTable::RunDeadlines() {
@@ -146,8 +171,17 @@ void PermissionTable::ExpireDue(Clock::time_point now) {
     m_due.pop_front();
     Slot* slot = Find(due.fd, due.cookie);
     if (!slot || slot->answered) continue;
-    AllowHeld(due.fd, *slot);
-    m_metrics.deadlineAllows.fetch_add(1, std::memory_order_relaxed);
+    if (std::exchange(slot->verdictExpected, false)) {
+      try {
+        Schedule(Due{now + VerdictGrace, due.fd, due.cookie});
+        continue;
+      } catch (...) {
+        // no room to wait longer: the deadline answers now
+      }
+    }
+    const bool allow = !m_denyAtDeadline;
+    AnswerHeld(due.fd, *slot, allow);
+    (allow ? m_metrics.deadlineAllows : m_metrics.deadlineDenies).fetch_add(1, std::memory_order_relaxed);
   }
 }
 

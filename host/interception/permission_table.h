@@ -2,7 +2,8 @@
 // table owns every descriptor it accepted and closes each exactly once; the answer to the
 // kernel goes through the PermissionResponder seam, exactly once per permission event,
 // whoever comes first: the reader with the module's immediate answer, the module's verdict,
-// the hard deadline, or the stop's drain. It owns the deadline thread, nothing else.
+// the hard deadline (allow or deny, as configured), or the stop's drain. It owns the
+// deadline thread, nothing else.
 #pragma once
 
 #include <atomic>
@@ -55,6 +56,15 @@ class PermissionTable {
   // the event and returns true when it was still waiting. An event the deadline or the drain
   // already answered only has its descriptor closed, and an unknown one is left alone.
   bool Complete(int fd, uint64_t cookie, bool allow) noexcept;
+  // The engine is about to hand over its answer for the event behind fd: the deadline holds
+  // off once, for VerdictGrace, so that the verdict and not the deadline answers it. False
+  // when the deadline or the drain answered it already, so the answer comes late; true for
+  // a notification or an event the table does not hold.
+  bool ExpectVerdict(int fd) noexcept;
+  static constexpr std::chrono::milliseconds VerdictGrace{1000};
+  // What the deadline answers from now on (deadline_action).
+  void SetDeadlineAction(bool deny) noexcept { m_denyAtDeadline = deny; }
+
   // Allows every permission event still waiting, stops the deadline thread and refuses
   // later events. Their descriptors stay open until their verdicts come, since the module
   // may still be reading them. Idempotent.
@@ -72,6 +82,7 @@ class PermissionTable {
     Kind kind = Kind::Permission;
     bool answered = false;
     bool pending = false;
+    bool verdictExpected = false;  // ExpectVerdict: the deadline waits once more
   };
   struct Due {
     Clock::time_point at;
@@ -81,9 +92,11 @@ class PermissionTable {
 
   // The slot holding this event, or null; m_mutex held.
   Slot* Find(int fd, uint64_t cookie);
-  // Allows a waiting permission event; the answer is written under m_mutex so the
+  // Answers a waiting permission event; the answer is written under m_mutex so the
   // descriptor cannot be closed under it.
-  void AllowHeld(int fd, Slot& slot);
+  void AnswerHeld(int fd, Slot& slot, bool allow);
+  // Queues a deadline in time order; m_mutex held. May throw on allocation.
+  bool Schedule(const Due& due);
   void RunDeadlines();
   void ExpireDue(Clock::time_point now);
   void StopDeadlineThread();
@@ -91,11 +104,12 @@ class PermissionTable {
   const std::shared_ptr<PermissionResponder> m_responder;
   HostMetrics& m_metrics;
   const std::chrono::milliseconds m_deadline;
+  std::atomic<bool> m_denyAtDeadline{false};
 
   mutable std::mutex m_mutex;  // a leaf lock: no host or module call is made under it
   std::condition_variable m_wake;
   std::vector<Slot> m_slots;  // indexed by descriptor: unique while the table holds it open
-  std::deque<Due> m_due;      // pending permission events in deadline order
+  std::deque<Due> m_due;      // pending permission events in deadline order, graces included
   size_t m_held = 0;
   std::atomic<size_t> m_notifications{0};
   bool m_drained = false;

@@ -80,7 +80,18 @@ std::string DetectionLine(const DetectionRecord& record, std::chrono::system_clo
   const json line = {
       {"type", "detection"},        {"time", FormatUtcTime(now)}, {"path", record.path},
       {"threat", record.threat},    {"pid", record.pid},          {"uid", record.uid},
-      {"operation", record.operation},
+      {"operation", record.operation}, {"late", record.late},
+  };
+  return ToLine(line);
+}
+
+std::string UnprocessedLine(const UnprocessedRecord& record,
+                            std::chrono::system_clock::time_point now) {
+  const json line = {
+      {"type", "unprocessed"},      {"time", FormatUtcTime(now)},   {"path", record.path},
+      {"reason", record.reason},    {"detail", record.detail},      {"pid", record.pid},
+      {"uid", record.uid},          {"operation", record.operation},
+      {"action", record.denied ? "deny" : "allow"},
   };
   return ToLine(line);
 }
@@ -122,8 +133,17 @@ qeb::result_t EventLog::Publish(nox::ProcessingErrorEvent&& event) noexcept {
 
 void EventLog::Detection(const DetectionRecord& record) noexcept {
   m_metrics.detections.fetch_add(1, std::memory_order_relaxed);
+  if (record.late) m_metrics.lateDetections.fetch_add(1, std::memory_order_relaxed);
   try {
     Append(DetectionLine(record, std::chrono::system_clock::now()));
+  } catch (...) {
+    NoteWriteResult(false, ENOMEM);
+  }
+}
+
+void EventLog::Unprocessed(const UnprocessedRecord& record) noexcept {
+  try {
+    Append(UnprocessedLine(record, std::chrono::system_clock::now()));
   } catch (...) {
     NoteWriteResult(false, ENOMEM);
   }

@@ -25,6 +25,18 @@ struct DetectionRecord {
   uint32_t pid = 0;
   uint32_t uid = 0;
   std::string operation;
+  bool late = false;  // found after the open was already answered (the deadline, a stop)
+};
+
+// What the engine reports about a file it did not scan whole.
+struct UnprocessedRecord {
+  std::string path;
+  std::string reason;  // one of HostMetrics::UnprocessedReasons
+  std::string detail;  // what stopped the scan, in the engine's words
+  uint32_t pid = 0;
+  uint32_t uid = 0;
+  std::string operation;
+  bool denied = false;  // the unscanned policy's answer
 };
 
 // The JSON lines written for each record (newline included); paths that are not valid
@@ -32,6 +44,8 @@ struct DetectionRecord {
 std::string ProcessingErrorLine(const nox::ProcessingErrorEvent& event,
                                 std::chrono::system_clock::time_point now);
 std::string DetectionLine(const DetectionRecord& record, std::chrono::system_clock::time_point now);
+std::string UnprocessedLine(const UnprocessedRecord& record,
+                            std::chrono::system_clock::time_point now);
 
 class EventLog : public qeb::object::Ifaces<nox::IEventPublisher> {
  public:
@@ -44,6 +58,8 @@ class EventLog : public qeb::object::Ifaces<nox::IEventPublisher> {
 
   qeb::result_t Publish(nox::ProcessingErrorEvent&& event) noexcept override;
   void Detection(const DetectionRecord& record) noexcept;
+  // Counted by the engine, which knows the reason's index; only written here.
+  void Unprocessed(const UnprocessedRecord& record) noexcept;
 
   uint64_t WriteFailures() const noexcept { return m_writeFailures; }
 

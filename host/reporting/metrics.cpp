@@ -81,9 +81,19 @@ void AppendHostMetrics(std::string& page, const HostMetrics& host) {
   page += "oasd_verdicts_total{verdict=\"deny\"} " + std::to_string(host.verdictsDeny.load()) + '\n';
   counter("oasd_deadline_allows_total", "Pending opens allowed by the hard deadline",
           host.deadlineAllows);
+  counter("oasd_deadline_denies_total", "Pending opens refused by the hard deadline",
+          host.deadlineDenies);
   counter("oasd_processing_errors_total", "Processing errors published by the module",
           host.processingErrors);
   counter("oasd_detections_total", "Files the engine found a threat in", host.detections);
+  counter("oasd_late_detections_total", "Detections made after the open had been answered",
+          host.lateDetections);
+  AppendHeader(page, "oasd_unprocessed_total", "Files the engine did not scan whole", "counter");
+  for (size_t i = 0; i < host.unprocessed.size(); ++i)
+    page += std::string("oasd_unprocessed_total{reason=\"") + HostMetrics::UnprocessedReasons[i] +
+            "\"} " + std::to_string(host.unprocessed[i].load(std::memory_order_relaxed)) + '\n';
+  counter("oasd_coalesced_scans_total", "Scans answered by a concurrent scan of the same file",
+          host.coalescedScans);
   counter("oasd_scans_total", "Files the engine scanned", host.scans);
   counter("oasd_checked_cache_hits_total", "Scans answered from the engine's checked cache",
           host.checkedCacheHits);

@@ -69,6 +69,7 @@ TEST(HostConfig, EveryBadInputNamesItsKey) {
       {R"("watch": ")" + dir.Path() + R"(")", R"("watch": expected an array)"},
       {ok + R"(, "signature_dir": ")" + notDir + R"(")", R"("signature_dir": directory ")" + notDir + R"(" is not readable)"},
       {ok + R"(, "engine": "magic")", R"("engine": expected "clamav" or "none")"},
+      {ok + R"(, "unscanned_action": "block")", R"("unscanned_action": expected "allow" or "deny")"},
       {ok + R"(, "log_level": 500)", R"("log_level": expected "error", "notice")"},
       {ok + R"(, "applications": {"postgres": 5})", R"("applications.postgres": expected a string)"},
       {ok + R"(, "metrics_interval_s": 0)", R"("metrics_interval_s": expected an unsigned integer of at least 1)"},
@@ -92,6 +93,7 @@ TEST(HostConfig, FullConfigLandsInTheRecordAndOptions) {
     "checked_cache_entries": 9, "verdict_timeout_ms": 11, "permission_deadline_ms": 13,
     "log_level": "detail", "log_file": "/l", "events_file": "/e", "metrics_file": "/m",
     "metrics_interval_s": 17, "module_path": "/mod.so", "applications": {"mysqld": "MySQL"},
+    "unscanned_action": "deny", "deadline_action": "deny",
     "settings": {
       "ScanSettings": {
         "ScanSettingsBase": {"scan_archived": true, "scan_sfx_archived": true,
@@ -131,6 +133,7 @@ TEST(HostConfig, FullConfigLandsInTheRecordAndOptions) {
             std::vector<uint32_t>({7, 9, 11, 13, 800, 17}));
   EXPECT_EQ(o.logFile + o.eventsFile + o.metricsFile + o.modulePath, "/l/e/m/mod.so");
   EXPECT_EQ(o.applications, (std::map<std::string, std::string>{{"mysqld", "MySQL"}}));
+  EXPECT_TRUE(o.denyUnscanned && o.denyAtDeadline);
 }
 
 TEST(HostConfig, WatchedPathsBecomeCanonicalScanAreasOverTheDefaults) {

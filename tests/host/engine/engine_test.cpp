@@ -1,11 +1,14 @@
 // The scanning engine against the module's real interceptor event over the fake host:
-// detection and clean answers through a real descriptor, the checked-object cache (hits,
-// changed files, reloads, scans racing a reload) and the cache's own bookkeeping.
+// detection and clean answers through a real descriptor, files past the limits, scans
+// shared between concurrent opens, the checked-object cache (hits, changed files, reloads,
+// scans racing a reload) and the cache's own bookkeeping.
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <fstream>
+#include <functional>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -25,6 +28,8 @@ using oasd::CheckedCache;
 using oasd::CheckedKey;
 using oasd::ClamavEngine;
 using oasd::DetectionRecord;
+using oasd::ScanOutcome;
+using oasd::UnprocessedRecord;
 
 constexpr std::string_view kEicar =
     R"(X5O!P%@AP[4\PZX54(P^)7CC)7}$EICAR-STANDARD-ANTIVIRUS-TEST-FILE!$H+H*)";
@@ -63,6 +68,9 @@ class EngineTest : public ::testing::Test {
                                                [this](const DetectionRecord& record) {
                                                  std::lock_guard lock(mutex);
                                                  detections.push_back(record);
+                                               },
+                                               [this](const UnprocessedRecord& record) {
+                                                 unprocessed.push_back(record);
                                                });
     EXPECT_EQ(engine->SetUp(), qeb::res::Ok);
     return engine;
@@ -98,6 +106,7 @@ class EngineTest : public ::testing::Test {
   oasd::HostOptions options;
   std::mutex mutex;
   std::vector<DetectionRecord> detections;
+  std::vector<UnprocessedRecord> unprocessed;
 };
 
 TEST_F(EngineTest, DeniesEicarThroughItsDescriptorAndAllowsCleanFilesAsCacheable) {
@@ -140,6 +149,82 @@ TEST_F(EngineTest, SetUpFailsOnAMissingOrEmptySignatureDirectory) {
   // Without signatures nothing is claimed clean.
   const std::string clean = dir.Write("a.txt", "a");
   EXPECT_EQ(Open(empty.Get(), clean), kAllow);
+}
+
+// Past the size limit only the head is scanned: a threat there is found as in a small
+// file, anything else is unprocessed, answered by the policy, never cached and scanned again.
+TEST_F(EngineTest, FilesPastTheSizeLimitAreScannedByTheirHeadAndNeverCachedClean) {
+  UseChecker(true);
+  options.settings.ScanSettings.ScanSettingsBase.size_limit = 4096;
+  auto engine = MakeEngine();
+  const std::string headThreat = dir.Write("head.com", std::string(kEicar) + std::string(8192, ' '));
+  const std::string big = dir.Write("big.bin", std::string(8192, 'a'));
+  LetChangesSettle();
+  EXPECT_EQ(Open(engine.Get(), headThreat), kDeny);
+  EXPECT_EQ(Open(engine.Get(), big), kAllow);
+  EXPECT_EQ(Open(engine.Get(), big), kAllow);
+  EXPECT_EQ(metrics.scans, 3u);
+  EXPECT_EQ(engine->CheckedCacheSize(), 0u);
+  ASSERT_EQ(unprocessed.size(), 2u);
+  EXPECT_EQ(unprocessed[0].reason, "size_limit");
+  EXPECT_EQ(unprocessed[0].path, big);
+  EXPECT_FALSE(unprocessed[0].denied);
+  EXPECT_EQ(metrics.unprocessed[0], 2u);
+
+  options.denyUnscanned = true;
+  engine->ApplyOptions(options);
+  EXPECT_EQ(Open(engine.Get(), big), kDeny);
+  EXPECT_TRUE(unprocessed.back().denied);
+}
+
+// A sparse file claims far more than it holds; with the default limits its threat at
+// offset 0 must cost no more to find than in a small file.
+TEST_F(EngineTest, SparseFileOverTheDefaultLimitWithEicarAtItsHeadIsDenied) {
+  auto engine = MakeEngine();
+  const std::string sparse = dir.Write("sparse.com", kEicar);
+  ASSERT_EQ(::truncate(sparse.c_str(), 101 << 20), 0);
+  EXPECT_EQ(Open(engine.Get(), sparse), kDeny);
+  const std::string holes = dir.Write("holes.bin", "");
+  ASSERT_EQ(::truncate(holes.c_str(), 101 << 20), 0);
+  EXPECT_EQ(Open(engine.Get(), holes), kAllow);
+  ASSERT_EQ(unprocessed.size(), 1u);
+  EXPECT_EQ(unprocessed[0].reason, "size_limit");
+}
+
+// The engine is held in its delay until every opener has joined the first one's scan, so
+// with sharing broken each runs its own. A file changed under the scan is scanned again by
+// every waiter: none is answered about content its own event did not see.
+TEST_F(EngineTest, ConcurrentScansOfOneFileStateRunTheEngineOnceUnlessItChanges) {
+  constexpr size_t kOpeners = 6;
+  options.engineDelayMs = 600000;
+  auto engine = MakeEngine();
+  const std::string file = dir.Write("shared.com", kEicar);
+  LetChangesSettle();
+  const auto round = [&](const std::function<void()>& whileHeld) {
+    std::vector<std::unique_ptr<Fd>> fds;
+    for (size_t i = 0; i < kOpeners; ++i) fds.push_back(std::make_unique<Fd>(file));
+    const CheckedKey key = *oasd::CheckedKeyOfFd(fds[0]->Get());
+    std::vector<ScanOutcome::Kind> kinds(kOpeners, ScanOutcome::Clean);
+    std::vector<std::thread> openers;
+    for (size_t i = 0; i < kOpeners; ++i)
+      openers.emplace_back([&, i] { kinds[i] = engine->ScanDescriptor(fds[i]->Get()).kind; });
+    EXPECT_TRUE(engine->AwaitWaiters(key, kOpeners - 1, std::chrono::seconds(20)));
+    whileHeld();
+    options.engineDelayMs = 0;
+    engine->ApplyOptions(options);
+    for (auto& opener : openers) opener.join();
+    options.engineDelayMs = 600000;
+    engine->ApplyOptions(options);
+    for (const auto kind : kinds) EXPECT_EQ(kind, ScanOutcome::Detected);
+  };
+  round([] {});
+  EXPECT_EQ(metrics.scans, 1u);
+  EXPECT_EQ(metrics.coalescedScans, kOpeners - 1);
+
+  LetChangesSettle();
+  round([&] { Overwrite(file, std::string(kEicar).replace(0, 1, "Y")); Overwrite(file, kEicar); });
+  EXPECT_EQ(metrics.scans, 1u + kOpeners);
+  EXPECT_EQ(metrics.coalescedScans, kOpeners - 1);
 }
 
 TEST_F(EngineTest, CheckedCacheAnswersUnchangedFilesAndRescansChangedOnes) {

@@ -95,6 +95,36 @@ TEST_F(TableTest, DeadlineAllowsAndKeepsTheDescriptorUntilTheLateVerdict) {
   EXPECT_EQ(responder->History(7), "AC");
 }
 
+// The deadline answers as configured; an announced verdict holds it off once, so the
+// verdict answers even past the deadline, and the announcement says when it is too late.
+TEST_F(TableTest, DeadlineAnswersAsConfiguredAndWaitsOnceForAnAnnouncedVerdict) {
+  auto table = MakeTable(100ms);
+  table->SetDeadlineAction(true);
+  table->Start();
+  ASSERT_TRUE(table->Add(7, 1, Kind::Permission));
+  table->MarkPending(7, 1);
+  ASSERT_TRUE(WaitForHistory(7, "D"));
+  EXPECT_EQ(metrics.deadlineDenies.load(), 1u);
+  EXPECT_FALSE(table->ExpectVerdict(7));
+  EXPECT_FALSE(table->Complete(7, 1, false));
+
+  ASSERT_TRUE(table->Add(8, 2, Kind::Permission));
+  ASSERT_TRUE(table->Add(9, 3, Kind::Notification));
+  table->MarkPending(8, 2);
+  EXPECT_TRUE(table->ExpectVerdict(8));
+  EXPECT_TRUE(table->ExpectVerdict(9));  // nobody waits on a notification: never late
+  std::this_thread::sleep_for(300ms);   // past the deadline, within the grace
+  EXPECT_TRUE(table->Complete(8, 2, true));
+  EXPECT_EQ(responder->History(8), "AC");
+  EXPECT_EQ(metrics.deadlineDenies.load(), 1u);
+
+  // The grace is bounded: a verdict announced but never sent still gets the deadline.
+  ASSERT_TRUE(table->Add(10, 4, Kind::Permission));
+  table->MarkPending(10, 4);
+  EXPECT_TRUE(table->ExpectVerdict(10));
+  EXPECT_TRUE(WaitForHistory(10, "D"));
+}
+
 TEST_F(TableTest, DrainAllowsWaitingEventsRefusesNewOnesAndLeavesNotificationsToTheirVerdicts) {
   auto table = MakeTable();
   ASSERT_TRUE(table->Add(3, 1, Kind::Permission));
