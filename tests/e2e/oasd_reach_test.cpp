@@ -1,5 +1,5 @@
 // What an ordinary user may try to get past oasd or to stall it: reaching the watched files
-// from a user namespace of their own or through bind mounts, and a FUSE filesystem under
+// from a user namespace of their own, through bind mounts or an overlay, and a FUSE filesystem under
 // the watched path whose server stops answering. Each scenario runs in its own sandbox
 // (oasd_harness.h); the FUSE server is a thread of the sandbox on a raw /dev/fuse.
 #include <grp.h>
@@ -65,6 +65,18 @@ TEST(OasdReach, WatchedFilesAreGuardedFromEveryNamespaceAndMount) {
     const Exit writer = nobody([&] { return CreateWith(dropped, kEicar); });
     s.Expect(writer.Is(0), "writing from a user namespace: " + writer.Text());
     s.Expect(s.AwaitEvent("detection", dropped), "no detection line for " + dropped);
+
+    // The overlay's own superblock is not marked: its open reaches oasd as the open of the
+    // watched file beneath it, which kernels report for such backing files.
+    const Exit overlay = nobody([&] {
+      const std::string top = s.State("");
+      if (::mount("none", top.c_str(), "tmpfs", 0, nullptr) != 0) return kSetupFailed + 4;
+      for (const char* d : {"/u", "/k", "/m"}) ::mkdir((top + d).c_str(), 0755);
+      const std::string options = "lowerdir=" + s.Watched("") + ",upperdir=" + top + "/u,workdir=" + top + "/k";
+      if (::mount("overlay", (top + "/m").c_str(), "overlay", 0, options.c_str()) != 0) return kSetupFailed + 5;
+      return OpenAndRead(top + "/m/eicar.com");
+    });
+    s.Expect(overlay.Denied(), "the EICAR file through the user's overlay: " + overlay.Text());
 
     // Bind mounts in oasd's own namespace, of the tree and of a subdirectory, made after it
     // started: no scan area names them.
