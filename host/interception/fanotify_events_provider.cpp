@@ -216,6 +216,7 @@ void FanotifyEventsProvider::TearDown() noexcept {
     std::lock_guard lock(m_marksMutex);
     RemoveAllMarks();
     m_subscribed = false;
+    m_closed = true;  // the groups' numbers may name other descriptors from now on
   }
   if (m_stopFd.Valid()) {
     const uint64_t one = 1;
@@ -226,7 +227,6 @@ void FanotifyEventsProvider::TearDown() noexcept {
   if (m_renameReader.joinable()) m_renameReader.join();
   Detach();
   if (m_responder) m_responder->Shutdown();
-  m_lanes.clear();
   m_renameGroup.Reset();
   m_table.reset();
 }
@@ -340,6 +340,7 @@ qeb::result_t FanotifyEventsProvider::OnNamespaceMountListChanged(ino_t, const n
 // mount is gone resolves to the mount beneath it, which may be one that must stay marked.
 qeb::result_t FanotifyEventsProvider::PlaceMarks(const nox::FileEventsSubscription& subscription,
                                                  const nox::MountList& mounts) {
+  if (m_closed) return res::NotReady;
   const uint64_t mask = PermissionGroupMask(subscription.flags);
   const std::vector<Mark> filesystems =
       ChooseFilesystemMarks(ChooseMountMarks(subscription.scanAreas, mounts));
@@ -442,7 +443,7 @@ void FanotifyEventsProvider::UpdateScope() {
 
 void FanotifyEventsProvider::RemoveAllMarks() noexcept {
   for (const auto& lane : m_lanes)
-    ::fanotify_mark(lane.group, FAN_MARK_FLUSH | FAN_MARK_FILESYSTEM, 0, AT_FDCWD, nullptr);
+    if (!m_closed) ::fanotify_mark(lane.group, FAN_MARK_FLUSH | FAN_MARK_FILESYSTEM, 0, AT_FDCWD, nullptr);
   if (m_renameGroup.Valid())
     ::fanotify_mark(m_renameGroup.Get(), FAN_MARK_FLUSH | FAN_MARK_FILESYSTEM, 0, AT_FDCWD, nullptr);
   m_permissionMarks.clear();

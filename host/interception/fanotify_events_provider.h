@@ -180,6 +180,7 @@ class FanotifyEventsProvider
 
   mutable std::mutex m_marksMutex;  // guards everything below
   bool m_subscribed = false;
+  bool m_closed = false;  // set by TearDown: no group may be marked again
   nox::FileEventsSubscription m_subscription;
   std::vector<PlacedMark> m_permissionMarks;
   uint64_t m_permissionMask = 0;
