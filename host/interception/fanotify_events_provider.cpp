@@ -353,11 +353,12 @@ qeb::result_t FanotifyEventsProvider::PlaceMarks(const nox::FileEventsSubscripti
   }
   const bool renames =
       (subscription.flags & vrel::VREL_ACTION_FILTER_RENAME) && m_renameGroup.Valid();
+  // The scope first: an event of a new mark must find its filesystem there.
+  UpdateScope(wanted);
   size_t placed = 0;
   PlacePermissionMarks(wanted, mask, mounts, placed);
   // A server's filesystem gets no rename mark: placing one opens and stats it.
   PlaceRenameMarks(renames ? local : std::vector<Mark>{}, mounts);
-  UpdateScope();
   QEB_TRACE(m_tracer, LevelNotice) << "fanotify: " << placed << " of " << wanted.size()
                                    << " filesystems marked for " << subscription.scanAreas.size()
                                    << " scan areas" << (renames ? ", renames followed" : "");
@@ -430,10 +431,10 @@ void FanotifyEventsProvider::PlaceRenameMarks(const std::vector<Mark>& marks,
 
 // Built from a fresh read of oasd's own mount table, which names each mount's id and the
 // directory of its filesystem it shows; only the local lane's filesystems are opened.
-void FanotifyEventsProvider::UpdateScope() {
+void FanotifyEventsProvider::UpdateScope(const std::vector<PlacedMark>& marks) {
   std::string text;
   std::vector<ScopedFilesystem> filesystems;
-  for (const auto& m : m_permissionMarks)
+  for (const auto& m : marks)
     filesystems.push_back(ScopedFilesystem{m.mark.dev, m.mark.mountPoint, m.lane == 0});
   auto scope = std::make_shared<const FilesystemScope>(
       ReadOwnMountInfo(text) ? ParseOwnMounts(text) : std::vector<OwnMount>{}, filesystems);
@@ -450,7 +451,7 @@ void FanotifyEventsProvider::RemoveAllMarks() noexcept {
   m_permissionMask = 0;
   m_renameMarks.clear();
   m_anchors.clear();
-  std::lock_guard lock(m_scopeMutex);
+  std::lock_guard lock(m_scopeMutex);  // a leaf under m_marksMutex
   m_scope.reset();
 }
 
@@ -598,12 +599,12 @@ void FanotifyEventsProvider::HandleRenameEvent(const fanotify_event_metadata& ev
 
 // A path that cannot be placed goes to the module as read: scanning a file outside the scan
 // areas costs a scan, letting one inside them through unscanned would be a hole.
+// Without a scope no mark is in place: the event was on its way when the marks went.
 bool FanotifyEventsProvider::InScope(int fd, const Context& context, EventRecordBuilder& records) {
-  if (!records.ReadPath(fd)) return false;
+  if (!context.scope || !records.ReadPath(fd)) return false;
   records.ReadMetadata(fd);
   const FilesystemScope::Placement placement =
-      context.scope ? context.scope->Place(fd, records.Device(), records.MountId(), records.MutablePath())
-                    : FilesystemScope::Placement::Unplaced;
+      context.scope->Place(fd, records.Device(), records.MountId(), records.MutablePath());
   if (placement == FilesystemScope::Placement::Unplaced) {
     const uint64_t count = m_unplaced.fetch_add(1, std::memory_order_relaxed) + 1;
     if ((count & (count - 1)) == 0) {

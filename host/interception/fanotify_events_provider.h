@@ -119,7 +119,7 @@ class FanotifyEventsProvider
   void PlacePermissionMarks(const std::vector<PlacedMark>& marks, uint64_t mask,
                             const nox::MountList& mounts, size_t& placed);
   void PlaceRenameMarks(const std::vector<Mark>& marks, const nox::MountList& mounts);
-  void UpdateScope();
+  void UpdateScope(const std::vector<PlacedMark>& marks);
   void RemoveAllMarks() noexcept;
 
   void ReadLane(Lane& lane) noexcept;
