@@ -149,13 +149,13 @@ FanotifyEventsProvider::~FanotifyEventsProvider() { TearDown(); }
 // ---- lifecycle -----------------------------------------------------------------------
 
 // A killed oasd frees every opener whatever order the kernel closes its groups in, because
-// every mark oasd places is a filesystem mark and each filesystem is marked by one
-// permission group only. Releasing a group waits for the openers that pin one of its marks,
-// and an opener waiting for a verdict pins the mark the kernel stopped at on each of its
-// lists; the kernel keeps a filesystem's marks ordered content class first, so that is the
-// permission group's own mark, never the rename group's. The rename group is opened last,
-// numbered above the permission groups, which is the order a dependence on closing would
-// hang in: the kill drill shows there is none.
+// every mark oasd places is a filesystem mark. Releasing a group waits for the openers that
+// pin one of its marks, and an opener waiting for a verdict pins, on each kind of mark list
+// (inode, mount, filesystem), the mark the kernel's walk stopped at. On the one kind oasd
+// uses that is the mark of the group the opener waits for, so no other group of oasd's
+// (the rename group, another lane) has a mark pinned. The rename group is opened last,
+// numbered above the permission groups, the closing order that would hang otherwise: the
+// kill drill runs in it.
 qeb::result_t FanotifyEventsProvider::SetUp() {
   RaiseDescriptorLimit();
   std::vector<int> groups;
