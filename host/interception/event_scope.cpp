@@ -115,9 +115,11 @@ FilesystemScope::FilesystemScope(const std::vector<OwnMount>& mounts,
     if (!fs.anchored || !root) continue;
     auto anchor = std::make_shared<UniqueFd>(
         ::open(root->mountPoint.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOCTTY));
-    struct stat st {};
-    // A mount stacked on top since the list was read is another filesystem.
-    if (anchor->Valid() && ::fstat(anchor->Get(), &st) == 0 && st.st_dev == fs.dev) {
+    struct statx stx {};
+    // A mount stacked there since the list was read would name files from its own root.
+    if (anchor->Valid() &&
+        ::statx(anchor->Get(), "", AT_EMPTY_PATH, STATX_MNT_ID, &stx) == 0 &&
+        (stx.stx_mask & STATX_MNT_ID) && stx.stx_mnt_id == root->id) {
       entry.anchor = std::move(anchor);
       entry.anchorMount = *root;
     }
