@@ -1,10 +1,11 @@
 // Turns a fanotify event into the record the module reads: the path behind the event's
-// descriptor, the file's identity and times, the filesystem's type, and the opener's uid,
-// mount namespace and process identity. Each reader thread owns one builder with its
+// descriptor, the file's identity, times and mount, the filesystem's type, and the opener's
+// uid, mount namespace and process identity. Each reader thread owns one builder with its
 // caches (no locks); a miss reads /proc or statfs. The event's descriptor is only borrowed.
 #pragma once
 
 #include <limits.h>
+#include <sys/stat.h>
 
 #include <array>
 #include <chrono>
@@ -65,22 +66,37 @@ class EventRecordBuilder {
 
   explicit EventRecordBuilder(uint64_t ownNamespace);
 
-  // The path behind fd, as oasd's namespace sees it; false when it cannot be read at all.
+  // The path behind fd as the kernel names it (see FilesystemScope for whose view that is);
+  // false when it cannot be read at all.
   bool ReadPath(int fd);
   const std::string& Path() const noexcept { return m_path; }
+  // For FilesystemScope to replace with the path in oasd's own namespace.
+  std::string& MutablePath() noexcept { return m_path; }
   bool PathIsTooLong() const noexcept { return m_path == PathTooLong; }
+  // The file's identity, times and mount; on a filesystem whose server may not answer this
+  // is the call that waits, so it runs only where such a wait holds nothing else.
+  void ReadMetadata(int fd);
+  bool HasMetadata() const noexcept { return m_hasMetadata; }
+  uint64_t Device() const noexcept { return m_hasMetadata ? m_stat.st_dev : 0; }
+  uint64_t MountId() const noexcept { return m_mountId; }
 
-  // The record for fd, with the path last read. The reply handle is the cookie, so the
-  // module never mistakes an event for one that needs no answer.
+  // The record for fd, with the path and metadata last read. The reply handle is the
+  // cookie, so the module never mistakes an event for one that needs no answer.
   const vrel::EventParams& Build(int fd, int32_t pid, uint32_t oper, uint64_t cookie,
                                  Clock::time_point now);
   // The mount list changed: device numbers may have been reused.
   void ForgetFilesystems() noexcept { m_filesystems.Clear(); }
 
  private:
+  // The one place the record takes the file's metadata from (null: it could not be read).
+  void FillFromStat(vrel::EventParams& params, int fd, const struct stat* st);
+
   ProcessContextCache m_processes;
   FilesystemTypeCache m_filesystems;
   std::string m_path;
+  struct stat m_stat {};
+  uint64_t m_mountId = 0;
+  bool m_hasMetadata = false;
   std::array<char, PATH_MAX> m_link{};
   vrel::EventParams m_params;  // reused: the module copies what it keeps
 };

@@ -1,8 +1,10 @@
-// The readers never wait for anything but the kernel: the module answers OnEvent at once,
-// an immediate answer is written on the reader thread, and a queued event's verdict comes
-// back on the module's threads through the table. oasd's own accesses (the engine reading
-// an event's descriptor, the rename reader reopening a file) are allowed before anything
-// else is done, so the daemon never waits for itself.
+// A reader waits only for the kernel and its own lane's filesystems: the kernel opens an
+// event's descriptor inside read(), calling the filesystem's open, and the reader then reads
+// its path and metadata; a server that stops answering holds that lane alone, and a server
+// lane puts its permission events under the deadline before it reads anything about them.
+// The module answers OnEvent at once; a queued event's verdict comes back on the module's
+// threads through the table. oasd's own accesses are allowed before anything else is done,
+// so the daemon never waits for itself.
 #include "host/interception/fanotify_events_provider.h"
 
 #include <fcntl.h>
@@ -16,6 +18,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <shared_mutex>
@@ -25,6 +28,7 @@
 #include "framework/qeb/exception.h"
 #include "host/system/info_caches.h"
 #include "host/common/reader_thread.h"
+#include "host/system/process_manager.h"
 #include "interfaces/vrel/file_interceptor.h"
 #include "nox_tracing/tracing.h"
 
@@ -35,19 +39,24 @@ using qeb::trace::LevelDetail;
 using qeb::trace::LevelError;
 using qeb::trace::LevelNotice;
 
-// Answers go out under a shared lock, Shutdown closes the group under the exclusive one: an
-// answer racing the stop is either written to the group or dropped, never written to a
-// descriptor number that has since been reused.
+// Answers go out under a shared lock, Shutdown closes the groups under the exclusive one: an
+// answer racing the stop is either written to a group or dropped, never written to a
+// descriptor number that has since been reused. An open event descriptor waits in exactly
+// one group, and the others refuse its number with ENOENT, so an answer is offered to each
+// group in turn, the local lane's first.
 class FanotifyResponder final : public PermissionResponder {
  public:
-  explicit FanotifyResponder(int group) noexcept : m_group(group) {}
+  explicit FanotifyResponder(std::vector<int> groups) noexcept : m_groups(std::move(groups)) {}
   ~FanotifyResponder() override { Shutdown(); }
 
   void Respond(int fd, bool allow) noexcept override {
     const fanotify_response response{fd, allow ? uint32_t{FAN_ALLOW} : uint32_t{FAN_DENY}};
     std::shared_lock lock(m_mutex);
-    if (m_group < 0) return;
-    while (::write(m_group, &response, sizeof response) < 0 && errno == EINTR) {
+    for (const int group : m_groups) {
+      ssize_t n;
+      while ((n = ::write(group, &response, sizeof response)) < 0 && errno == EINTR) {
+      }
+      if (n >= 0 || errno != ENOENT) return;
     }
   }
 
@@ -55,13 +64,13 @@ class FanotifyResponder final : public PermissionResponder {
 
   void Shutdown() noexcept {
     std::unique_lock lock(m_mutex);
-    if (m_group >= 0) ::close(m_group);
-    m_group = -1;
+    for (const int group : m_groups) ::close(group);
+    m_groups.clear();
   }
 
  private:
   std::shared_mutex m_mutex;
-  int m_group;
+  std::vector<int> m_groups;
 };
 
 namespace {
@@ -88,6 +97,18 @@ uint64_t FsidKey(const Fsid& fsid) noexcept {
   static_assert(sizeof fsid == sizeof words);
   std::memcpy(words, &fsid, sizeof words);
   return uint64_t{words[0]} | (uint64_t{words[1]} << 32);
+}
+
+// Every permission group is a content-class group with the same flags.
+int OpenPermissionGroup() noexcept {
+  return ::fanotify_init(
+      FAN_CLASS_CONTENT | FAN_CLOEXEC | FAN_NONBLOCK | FAN_UNLIMITED_QUEUE | FAN_UNLIMITED_MARKS,
+      O_RDONLY | O_LARGEFILE | O_CLOEXEC);
+}
+
+bool ReadOwnMountInfo(std::string& text) {
+  const UniqueFd self(::open("/proc/self", O_PATH | O_DIRECTORY | O_CLOEXEC));
+  return self.Valid() && ReadFileAt(self.Get(), "mountinfo", text);
 }
 
 bool Listed(const nox::MountList& mounts, const std::string& mountPoint) {
@@ -127,39 +148,39 @@ FanotifyEventsProvider::~FanotifyEventsProvider() { TearDown(); }
 
 // ---- lifecycle -----------------------------------------------------------------------
 
+// A killed oasd frees every opener whatever order the kernel closes its groups in, because
+// every mark oasd places is a filesystem mark. Releasing a group waits for the openers that
+// pin one of its marks, and an opener waiting for a verdict pins, on each kind of mark list
+// (inode, mount, filesystem), the mark the kernel's walk stopped at. On the one kind oasd
+// uses that is the mark of the group the opener waits for, so no other group of oasd's
+// (the rename group, another lane) has a mark pinned. The rename group is opened last,
+// numbered above the permission groups, the closing order that would hang otherwise: the
+// kill drill runs in it.
 qeb::result_t FanotifyEventsProvider::SetUp() {
   RaiseDescriptorLimit();
-  OpenRenameGroup();
-  const int group = OpenPermissionGroup();
-  if (group < 0) {
-    const int error = errno;
-    QEB_TRACE(m_tracer, LevelError) << "fanotify: cannot create the permission group: "
-                                    << std::strerror(error)
-                                    << " (oasd needs root and a kernel with fanotify permission events)";
-    return ErrnoResult(error);
+  std::vector<int> groups;
+  for (size_t lane = 0; lane <= ServerLanes; ++lane) {
+    const int group = OpenPermissionGroup();
+    if (group < 0) {
+      const int error = errno;
+      for (const int g : groups) ::close(g);
+      QEB_TRACE(m_tracer, LevelError) << "fanotify: cannot create a permission group: "
+                                      << std::strerror(error)
+                                      << " (oasd needs root and a kernel with fanotify permission events)";
+      return ErrnoResult(error);
+    }
+    groups.push_back(group);
   }
-  m_permissionGroup = group;
-  m_responder = std::make_shared<FanotifyResponder>(group);
+  m_lanes = std::vector<Lane>(groups.size());
+  for (size_t lane = 0; lane < groups.size(); ++lane) {
+    m_lanes[lane].group = groups[lane];
+    m_lanes[lane].server = lane > 0;
+  }
+  m_responder = std::make_shared<FanotifyResponder>(std::move(groups));
+  OpenRenameGroup();
   m_stopFd.Reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   if (!m_stopFd.Valid()) return ErrnoResult(errno);
   return res::Ok;
-}
-
-// An open waiting for its verdict pins the rename group's filesystem mark too, and releasing
-// a group waits until no open pins it. When oasd dies without a stop, the kernel releases
-// its descriptors highest number first: the permission group must go first (its release
-// answers every waiting open), or the rename group's release would wait for opens that
-// only the permission group's release can let go, and every opener would hang with it.
-int FanotifyEventsProvider::OpenPermissionGroup() const {
-  const int group = ::fanotify_init(
-      FAN_CLASS_CONTENT | FAN_CLOEXEC | FAN_NONBLOCK | FAN_UNLIMITED_QUEUE | FAN_UNLIMITED_MARKS,
-      O_RDONLY | O_LARGEFILE | O_CLOEXEC);
-  if (group < 0 || !m_renameGroup.Valid() || group > m_renameGroup.Get()) return group;
-  const int above = ::fcntl(group, F_DUPFD_CLOEXEC, m_renameGroup.Get() + 1);
-  const int error = errno;
-  ::close(group);
-  errno = error;
-  return above;
 }
 
 // Rename events come with file handles, not descriptors, and such a group cannot take
@@ -181,9 +202,9 @@ void FanotifyEventsProvider::OpenRenameGroup() {
 std::shared_ptr<PermissionResponder> FanotifyEventsProvider::Responder() const { return m_responder; }
 
 void FanotifyEventsProvider::Start(std::shared_ptr<PermissionTable> table) {
-  if (m_permissionGroup < 0 || m_permissionReader.joinable()) return;
+  if (m_lanes.empty() || m_lanes[0].reader.joinable()) return;
   m_table = std::move(table);
-  m_permissionReader = std::thread([this] { ReadPermissionEvents(); });
+  for (auto& lane : m_lanes) lane.reader = std::thread([this, &lane] { ReadLane(lane); });
   if (m_renameGroup.Valid()) m_renameReader = std::thread([this] { ReadRenameEvents(); });
   if (m_mountChanges && QEB_SUCCEEDED(m_mountChanges->Subscribe(this))) m_followingMounts = true;
 }
@@ -195,16 +216,17 @@ void FanotifyEventsProvider::TearDown() noexcept {
     std::lock_guard lock(m_marksMutex);
     RemoveAllMarks();
     m_subscribed = false;
+    m_closed = true;  // the groups' numbers may name other descriptors from now on
   }
   if (m_stopFd.Valid()) {
     const uint64_t one = 1;
     [[maybe_unused]] const ssize_t n = ::write(m_stopFd.Get(), &one, sizeof one);
   }
-  if (m_permissionReader.joinable()) m_permissionReader.join();
+  for (auto& lane : m_lanes)
+    if (lane.reader.joinable()) lane.reader.join();
   if (m_renameReader.joinable()) m_renameReader.join();
   Detach();
   if (m_responder) m_responder->Shutdown();
-  m_permissionGroup = -1;
   m_renameGroup.Reset();
   m_table.reset();
 }
@@ -239,7 +261,7 @@ qeb::result_t FanotifyEventsProvider::Attach(nox::IFileEventsReceiver* receiver,
                                              const nox::FileEventsSubscription& subscription,
                                              bool replace) {
   if (!receiver) return res::InvalidArgument;
-  if (m_permissionGroup < 0) return res::NotReady;
+  if (m_lanes.empty()) return res::NotReady;
   try {
     auto filter = std::make_shared<const PathFilter>(subscription);
     {
@@ -283,6 +305,13 @@ FanotifyEventsProvider::Receiver FanotifyEventsProvider::CurrentReceiver() const
   return m_receiver;
 }
 
+FanotifyEventsProvider::Context FanotifyEventsProvider::CurrentContext() const {
+  Context context{CurrentReceiver(), nullptr, Clock::now()};
+  std::lock_guard lock(m_scopeMutex);
+  context.scope = m_scope;
+  return context;
+}
+
 qeb::result_t FanotifyEventsProvider::OnMountListChanged(const nox::MountList& added,
                                                          const nox::MountList&,
                                                          const nox::MountList& current) noexcept {
@@ -297,7 +326,7 @@ qeb::result_t FanotifyEventsProvider::OnMountListChanged(const nox::MountList& a
   return res::Ok;
 }
 
-// Marks are placed by path in oasd's own namespace; other namespaces' mounts are not ours.
+// Filesystem marks cover every namespace's mounts of a marked filesystem already.
 qeb::result_t FanotifyEventsProvider::OnNamespaceMountListChanged(ino_t, const nox::MountList&,
                                                                   const nox::MountList&,
                                                                   const nox::MountList&) noexcept {
@@ -307,59 +336,73 @@ qeb::result_t FanotifyEventsProvider::OnNamespaceMountListChanged(ino_t, const n
 // ---- marks ---------------------------------------------------------------------------
 
 // Adding a mark that is already there only widens its mask, so the whole plan is applied
-// each time; a mark is removed only from a mount still listed, since a path whose mount is
-// gone resolves to the mount beneath it, which may be one that must stay marked.
+// each time; a mark is removed only through a mount point still listed, since a path whose
+// mount is gone resolves to the mount beneath it, which may be one that must stay marked.
 qeb::result_t FanotifyEventsProvider::PlaceMarks(const nox::FileEventsSubscription& subscription,
                                                  const nox::MountList& mounts) {
+  if (m_closed) return res::NotReady;
   const uint64_t mask = PermissionGroupMask(subscription.flags);
-  const std::vector<Mark> mountMarks = ChooseMountMarks(subscription.scanAreas, mounts);
+  const std::vector<Mark> filesystems =
+      ChooseFilesystemMarks(ChooseMountMarks(subscription.scanAreas, mounts));
+  const std::vector<size_t> lanes = ChooseLanes(filesystems, mounts, ServerLanes);
+  std::vector<PlacedMark> wanted;
+  std::vector<Mark> local;
+  for (size_t i = 0; i < filesystems.size(); ++i) {
+    wanted.push_back(PlacedMark{filesystems[i], lanes[i]});
+    if (lanes[i] == 0) local.push_back(filesystems[i]);
+  }
   const bool renames =
       (subscription.flags & vrel::VREL_ACTION_FILTER_RENAME) && m_renameGroup.Valid();
+  // The scope first: an event of a new mark must find its filesystem there.
+  UpdateScope(wanted);
   size_t placed = 0;
-  PlaceMountMarks(mountMarks, mask, mounts, placed);
-  PlaceFilesystemMarks(renames ? ChooseFilesystemMarks(mountMarks) : std::vector<Mark>{}, mounts);
-  QEB_TRACE(m_tracer, LevelNotice) << "fanotify: " << placed << " of " << mountMarks.size()
-                                   << " mounts marked for " << subscription.scanAreas.size()
+  PlacePermissionMarks(wanted, mask, mounts, placed);
+  // A server's filesystem gets no rename mark: placing one opens and stats it.
+  PlaceRenameMarks(renames ? local : std::vector<Mark>{}, mounts);
+  QEB_TRACE(m_tracer, LevelNotice) << "fanotify: " << placed << " of " << wanted.size()
+                                   << " filesystems marked for " << subscription.scanAreas.size()
                                    << " scan areas" << (renames ? ", renames followed" : "");
-  if (mountMarks.empty()) {
+  if (wanted.empty()) {
     QEB_TRACE(m_tracer, LevelError) << "fanotify: no monitored mount holds the scan areas";
     return res::Ok;
   }
   return placed == 0 && mask != 0 ? res::NotFound : res::Ok;
 }
 
-void FanotifyEventsProvider::PlaceMountMarks(const std::vector<Mark>& marks, uint64_t mask,
-                                             const nox::MountList& mounts, size_t& placed) {
-  const int group = m_permissionGroup;
-  for (const auto& old : m_mountMarks)
-    if (std::find(marks.begin(), marks.end(), old) == marks.end() && Listed(mounts, old.mountPoint))
-      ::fanotify_mark(group, FAN_MARK_REMOVE | FAN_MARK_MOUNT, m_mountMask, AT_FDCWD,
-                      old.mountPoint.c_str());
-  if (const uint64_t dropped = m_mountMask & ~mask; dropped != 0)
-    for (const auto& mark : marks)
-      ::fanotify_mark(group, FAN_MARK_REMOVE | FAN_MARK_MOUNT, dropped, AT_FDCWD,
-                      mark.mountPoint.c_str());
-  std::vector<Mark> kept;
-  for (const auto& mark : marks) {
+void FanotifyEventsProvider::PlacePermissionMarks(const std::vector<PlacedMark>& marks,
+                                                  uint64_t mask, const nox::MountList& mounts,
+                                                  size_t& placed) {
+  const auto groupOf = [&](const PlacedMark& m) { return m_lanes[m.lane].group; };
+  for (const auto& old : m_permissionMarks)
+    if (std::find(marks.begin(), marks.end(), old) == marks.end() && Listed(mounts, old.mark.mountPoint))
+      ::fanotify_mark(groupOf(old), FAN_MARK_REMOVE | FAN_MARK_FILESYSTEM, m_permissionMask,
+                      AT_FDCWD, old.mark.mountPoint.c_str());
+  if (const uint64_t dropped = m_permissionMask & ~mask; dropped != 0)
+    for (const auto& m : marks)
+      ::fanotify_mark(groupOf(m), FAN_MARK_REMOVE | FAN_MARK_FILESYSTEM, dropped, AT_FDCWD,
+                      m.mark.mountPoint.c_str());
+  std::vector<PlacedMark> kept;
+  for (const auto& m : marks) {
     if (mask == 0) break;
-    if (::fanotify_mark(group, FAN_MARK_ADD | FAN_MARK_MOUNT, mask, AT_FDCWD,
-                        mark.mountPoint.c_str()) != 0) {
-      QEB_TRACE(m_tracer, LevelError) << "fanotify: cannot mark the mount " << mark.mountPoint
-                                      << ": " << std::strerror(errno);
+    if (::fanotify_mark(groupOf(m), FAN_MARK_ADD | FAN_MARK_FILESYSTEM, mask, AT_FDCWD,
+                        m.mark.mountPoint.c_str()) != 0) {
+      QEB_TRACE(m_tracer, LevelError) << "fanotify: cannot mark the filesystem at "
+                                      << m.mark.mountPoint << ": " << std::strerror(errno);
       continue;
     }
-    QEB_TRACE(m_tracer, LevelDetail) << "fanotify: marked the mount " << mark.mountPoint;
-    kept.push_back(mark);
+    QEB_TRACE(m_tracer, LevelDetail) << "fanotify: marked the filesystem at " << m.mark.mountPoint
+                                     << " (lane " << m.lane << ")";
+    kept.push_back(m);
     ++placed;
   }
-  m_mountMarks = std::move(kept);
-  m_mountMask = mask;
+  m_permissionMarks = std::move(kept);
+  m_permissionMask = mask;
 }
 
-void FanotifyEventsProvider::PlaceFilesystemMarks(const std::vector<Mark>& marks,
-                                                  const nox::MountList& mounts) {
+void FanotifyEventsProvider::PlaceRenameMarks(const std::vector<Mark>& marks,
+                                              const nox::MountList& mounts) {
   const int group = m_renameGroup.Get();
-  for (const auto& old : m_filesystemMarks) {
+  for (const auto& old : m_renameMarks) {
     const bool wanted = std::any_of(marks.begin(), marks.end(),
                                     [&](const Mark& m) { return m.dev == old.dev; });
     if (!wanted && Listed(mounts, old.mountPoint))
@@ -382,19 +425,34 @@ void FanotifyEventsProvider::PlaceFilesystemMarks(const std::vector<Mark>& marks
     anchors.emplace(FsidKey(st.f_fsid), std::move(anchor));
     kept.push_back(mark);
   }
-  m_filesystemMarks = std::move(kept);
+  m_renameMarks = std::move(kept);
   m_anchors = std::move(anchors);
 }
 
+// Built from a fresh read of oasd's own mount table, which names each mount's id and the
+// directory of its filesystem it shows; only the local lane's filesystems are opened.
+void FanotifyEventsProvider::UpdateScope(const std::vector<PlacedMark>& marks) {
+  std::string text;
+  std::vector<ScopedFilesystem> filesystems;
+  for (const auto& m : marks)
+    filesystems.push_back(ScopedFilesystem{m.mark.dev, m.mark.mountPoint, m.lane == 0});
+  auto scope = std::make_shared<const FilesystemScope>(
+      ReadOwnMountInfo(text) ? ParseOwnMounts(text) : std::vector<OwnMount>{}, filesystems);
+  std::lock_guard lock(m_scopeMutex);
+  m_scope = std::move(scope);
+}
+
 void FanotifyEventsProvider::RemoveAllMarks() noexcept {
-  if (m_permissionGroup >= 0)
-    ::fanotify_mark(m_permissionGroup, FAN_MARK_FLUSH | FAN_MARK_MOUNT, 0, AT_FDCWD, nullptr);
+  for (const auto& lane : m_lanes)
+    if (!m_closed) ::fanotify_mark(lane.group, FAN_MARK_FLUSH | FAN_MARK_FILESYSTEM, 0, AT_FDCWD, nullptr);
   if (m_renameGroup.Valid())
     ::fanotify_mark(m_renameGroup.Get(), FAN_MARK_FLUSH | FAN_MARK_FILESYSTEM, 0, AT_FDCWD, nullptr);
-  m_mountMarks.clear();
-  m_mountMask = 0;
-  m_filesystemMarks.clear();
+  m_permissionMarks.clear();
+  m_permissionMask = 0;
+  m_renameMarks.clear();
   m_anchors.clear();
+  std::lock_guard lock(m_scopeMutex);  // a leaf under m_marksMutex
+  m_scope.reset();
 }
 
 // ---- reading -------------------------------------------------------------------------
@@ -425,14 +483,15 @@ void FanotifyEventsProvider::ReportReadError(int error) noexcept {
   if (error == EMFILE || error == ENFILE) ::usleep(1000);
 }
 
-void FanotifyEventsProvider::ReadPermissionEvents() noexcept {
+void FanotifyEventsProvider::ReadLane(Lane& lane) noexcept {
   MarkFanotifyReaderThread();
-  pthread_setname_np(pthread_self(), "oasdFanotify");
+  pthread_setname_np(pthread_self(), lane.server ? "oasdFanotifySrv" : "oasdFanotify");
   EventRecordBuilder records(m_ownNamespace);
   alignas(fanotify_event_metadata) char buffer[BatchBytes];
+  std::array<uint64_t, MaxBatchEvents> cookies{};
   uint64_t generation = m_mountGeneration.load();
-  while (WaitReadable(m_permissionGroup)) {
-    const ssize_t length = ::read(m_permissionGroup, buffer, sizeof buffer);
+  while (WaitReadable(lane.group)) {
+    const ssize_t length = ::read(lane.group, buffer, sizeof buffer);
     if (length <= 0) {
       if (length < 0) ReportReadError(errno);
       continue;
@@ -441,10 +500,15 @@ void FanotifyEventsProvider::ReadPermissionEvents() noexcept {
       generation = now;
       records.ForgetFilesystems();
     }
-    const Receiver receiver = CurrentReceiver();
-    const Clock::time_point now = Clock::now();
+    const Context context = CurrentContext();
+    size_t index = 0;
+    if (lane.server)
+      ForEachEvent(buffer, length, [&](const fanotify_event_metadata& event) {
+        cookies[index++] = context.receiver.receiver ? RegisterEarly(event) : 0;
+      });
+    index = 0;
     ForEachEvent(buffer, length, [&](const fanotify_event_metadata& event) {
-      HandlePermissionGroupEvent(event, receiver, records, now);
+      HandlePermissionGroupEvent(event, context, records, lane.server ? cookies[index++] : 0);
     });
   }
 }
@@ -460,18 +524,27 @@ void FanotifyEventsProvider::ReadRenameEvents() noexcept {
       continue;
     }
     records.ForgetFilesystems();  // renames are rare; their statfs costs nothing worth caching
-    const Receiver receiver = CurrentReceiver();
-    const Clock::time_point now = Clock::now();
+    const Context context = CurrentContext();
     ForEachEvent(buffer, length, [&](const fanotify_event_metadata& event) {
-      HandleRenameEvent(event, receiver, records, now);
+      HandleRenameEvent(event, context, records);
     });
   }
 }
 
+uint64_t FanotifyEventsProvider::RegisterEarly(const fanotify_event_metadata& event) noexcept {
+  if (event.fd < 0 || event.pid == m_ownPid || !m_table ||
+      !(event.mask & (FAN_OPEN_PERM | FAN_OPEN_EXEC_PERM)))
+    return 0;
+  const uint64_t cookie = m_nextCookie.fetch_add(1, std::memory_order_relaxed) + 1;
+  if (!m_table->Add(event.fd, cookie, PermissionTable::Kind::Permission)) return 0;
+  m_table->MarkPending(event.fd, cookie);
+  return cookie;
+}
+
 void FanotifyEventsProvider::HandlePermissionGroupEvent(const fanotify_event_metadata& event,
-                                                        const Receiver& receiver,
+                                                        const Context& context,
                                                         EventRecordBuilder& records,
-                                                        Clock::time_point now) noexcept {
+                                                        uint64_t cookie) noexcept {
   m_metrics.events.fetch_add(1, std::memory_order_relaxed);
   if (event.fd < 0) {
     if ((event.mask & FAN_Q_OVERFLOW) && !m_overflowReported.exchange(true)) {
@@ -487,25 +560,23 @@ void FanotifyEventsProvider::HandlePermissionGroupEvent(const fanotify_event_met
   }
   bool handedOver = false;
   try {
-    if (!receiver.receiver || !records.ReadPath(event.fd) ||
-        (!records.PathIsTooLong() && !receiver.filter->Covers(records.Path()))) {
-      AnswerNow(event.fd, permission);
+    if (!context.receiver.receiver || !InScope(event.fd, context, records)) {
+      LetThrough(event.fd, permission, cookie);
       return;
     }
-    Deliver(event.fd, event.pid, OperationOf(event.mask), permission, receiver, records, now,
+    Deliver(event.fd, event.pid, OperationOf(event.mask), permission, context, records, cookie,
             handedOver);
   } catch (...) {
     qeb::TraceCurrentException(m_tracer.Get());
-    if (!handedOver) AnswerNow(event.fd, permission);
+    if (!handedOver) LetThrough(event.fd, permission, cookie);
   }
 }
 
 void FanotifyEventsProvider::HandleRenameEvent(const fanotify_event_metadata& event,
-                                               const Receiver& receiver,
-                                               EventRecordBuilder& records,
-                                               Clock::time_point now) noexcept {
+                                               const Context& context,
+                                               EventRecordBuilder& records) noexcept {
   m_metrics.events.fetch_add(1, std::memory_order_relaxed);
-  if (!(event.mask & FAN_RENAME) || !receiver.receiver) return;
+  if (!(event.mask & FAN_RENAME) || !context.receiver.receiver) return;
   if (event.pid == m_ownPid) {
     m_metrics.ownEvents.fetch_add(1, std::memory_order_relaxed);
     return;
@@ -515,37 +586,59 @@ void FanotifyEventsProvider::HandleRenameEvent(const fanotify_event_metadata& ev
   try {
     fd = OpenRenamed(event);
     if (fd < 0) return;
-    if (!records.ReadPath(fd) ||
-        (!records.PathIsTooLong() && !receiver.filter->Covers(records.Path()))) {
+    if (!InScope(fd, context, records)) {
       ::close(fd);
       return;
     }
-    Deliver(fd, event.pid, vrel::VREL_ACTION_RENAME, false, receiver, records, now, handedOver);
+    Deliver(fd, event.pid, vrel::VREL_ACTION_RENAME, false, context, records, 0, handedOver);
   } catch (...) {
     qeb::TraceCurrentException(m_tracer.Get());
     if (fd >= 0 && !handedOver) ::close(fd);
   }
 }
 
+// A path that cannot be placed goes to the module as read: scanning a file outside the scan
+// areas costs a scan, letting one inside them through unscanned would be a hole.
+// Without a scope no mark is in place: the event was on its way when the marks went.
+bool FanotifyEventsProvider::InScope(int fd, const Context& context, EventRecordBuilder& records) {
+  if (!context.scope || !records.ReadPath(fd)) return false;
+  records.ReadMetadata(fd);
+  const FilesystemScope::Placement placement =
+      context.scope->Place(fd, records.Device(), records.MountId(), records.MutablePath());
+  if (placement == FilesystemScope::Placement::Unplaced) {
+    const uint64_t count = m_unplaced.fetch_add(1, std::memory_order_relaxed) + 1;
+    if ((count & (count - 1)) == 0) {
+      QEB_TRACE(m_tracer, LevelNotice) << "fanotify: " << count << " files on marked filesystems "
+                                       << "could not be placed in oasd's namespace and were "
+                                       << "scanned, the latest " << records.Path();
+    }
+    return true;
+  }
+  return records.PathIsTooLong() || context.receiver.filter->Covers(records.Path());
+}
+
 void FanotifyEventsProvider::Deliver(int fd, int32_t pid, uint32_t oper, bool permission,
-                                     const Receiver& receiver, EventRecordBuilder& records,
-                                     Clock::time_point now, bool& handedOver) {
-  if (!permission && !RoomForNotification()) {
+                                     const Context& context, EventRecordBuilder& records,
+                                     uint64_t cookie, bool& handedOver) {
+  if (cookie == 0) {
+    if (!permission && !RoomForNotification()) {
+      handedOver = true;
+      AnswerNow(fd, false);
+      return;
+    }
+    cookie = m_nextCookie.fetch_add(1, std::memory_order_relaxed) + 1;
+    const auto kind = permission ? PermissionTable::Kind::Permission : PermissionTable::Kind::Notification;
+    // From here on the event is answered exactly once: by the table, or here when it is
+    // drained and takes nothing more.
     handedOver = true;
-    AnswerNow(fd, false);
-    return;
+    if (!m_table || !m_table->Add(fd, cookie, kind)) {
+      AnswerNow(fd, permission);
+      return;
+    }
   }
-  const uint64_t cookie = m_nextCookie.fetch_add(1, std::memory_order_relaxed) + 1;
-  const vrel::EventParams& params = records.Build(fd, pid, oper, cookie, now);
-  const auto kind = permission ? PermissionTable::Kind::Permission : PermissionTable::Kind::Notification;
-  // From here on the event is answered exactly once: by the table, or here when it is
-  // drained and takes nothing more.
   handedOver = true;
-  if (!m_table || !m_table->Add(fd, cookie, kind)) {
-    AnswerNow(fd, permission);
-    return;
-  }
-  const qeb::result_t result = receiver.receiver->OnEvent(params);
+  const vrel::EventParams& params = records.Build(fd, pid, oper, cookie, context.now);
+  const qeb::result_t result = context.receiver.receiver->OnEvent(params);
   if (result == res::Ok) {
     m_table->MarkPending(fd, cookie);
     return;
@@ -553,6 +646,11 @@ void FanotifyEventsProvider::Deliver(int fd, int32_t pid, uint32_t oper, bool pe
   const bool allow = QEB_SUCCEEDED(result);
   if (m_table->Complete(fd, cookie, allow))
     (allow ? m_metrics.allowedAtOnce : m_metrics.verdictsDeny).fetch_add(1, std::memory_order_relaxed);
+}
+
+void FanotifyEventsProvider::LetThrough(int fd, bool permission, uint64_t cookie) noexcept {
+  if (cookie != 0 && m_table) m_table->Complete(fd, cookie, true);
+  else AnswerNow(fd, permission);
 }
 
 bool FanotifyEventsProvider::RoomForNotification() noexcept {

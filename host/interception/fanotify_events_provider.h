@@ -1,10 +1,10 @@
-// The events provider on fanotify. It owns the permission group (open and exec permission
-// events, close-after-write notifications), the rename group where the kernel has one, a
-// reader thread for each, the marks, and the one subscription (receiver and path filter).
-// Every event descriptor read is answered and closed here, or handed to the permission
-// table, which owns it from then on. The permission group is answered through the responder,
-// shared with the table, and closed by TearDown. Locks: marks and subscription are never
-// held together, nor across a call into the module.
+// The events provider on fanotify. It owns the permission groups (open and exec permission
+// events, close-after-write notifications; one group and reader per lane), the rename group
+// where the kernel has one with its reader, the marks, the filesystem scope and the one
+// subscription (receiver and path filter). Every event descriptor read is answered and
+// closed here, or handed to the permission table, which owns it from then on. The groups are
+// answered through the responder, shared with the table, and closed by TearDown. Locks:
+// marks and subscription are never held together, nor across a call into the module.
 #pragma once
 
 #include <sys/fanotify.h>
@@ -21,6 +21,7 @@
 #include "framework/qeb/host_object.h"
 #include "framework/qeb/objptr.h"
 #include "host/interception/event_record.h"
+#include "host/interception/event_scope.h"
 #include "host/interception/fanotify_marks.h"
 #include "host/common/host_metrics.h"
 #include "host/interception/permission_table.h"
@@ -43,6 +44,11 @@ class FanotifyEventsProvider
   // which then refuses, and so denies, opens; past this many a notification goes unscanned
   // and the file is scanned when it is next opened.
   static constexpr size_t MaxNotificationsInFlight = 1024;
+  // Lanes for filesystems whose open or metadata may wait on a server (FUSE, network): each
+  // has its own group and reader, so a server that stops answering holds only its lane.
+  // Past this many such filesystems the last lane is shared. Lane 0 serves every other
+  // filesystem.
+  static constexpr size_t ServerLanes = 3;
 
   FanotifyEventsProvider(qeb::objptr_t<qeb::ITracer> tracer, HostMetrics& metrics,
                          qeb::objptr_t<nox::IMountProvider> mounts,
@@ -52,7 +58,7 @@ class FanotifyEventsProvider
   // Creates the groups; fails when the kernel refuses permission events (not root, or no
   // fanotify). A kernel without rename events is noted once and interception goes on.
   qeb::result_t SetUp();
-  // Answers permission events of the group; the permission table's responder.
+  // Answers permission events of every lane; the permission table's responder.
   std::shared_ptr<PermissionResponder> Responder() const;
   // Starts the readers, which hand the events the module queues to table, and follows the
   // mount list so new mounts under a scan area are marked too.
@@ -82,36 +88,62 @@ class FanotifyEventsProvider
   };
   // The directory a filesystem mark was placed through: open_by_handle_at needs one.
   using Anchors = std::map<uint64_t, std::shared_ptr<UniqueFd>>;
+  struct Lane {
+    int group = -1;  // owned by the responder
+    bool server = false;
+    std::thread reader;
+  };
+  struct PlacedMark {
+    Mark mark;
+    size_t lane = 0;
+    bool operator==(const PlacedMark&) const = default;
+  };
+  // What a reader reads its events against, taken once per batch.
+  struct Context {
+    Receiver receiver;
+    std::shared_ptr<const FilesystemScope> scope;
+    Clock::time_point now;
+  };
+  static constexpr size_t MaxBatchEvents = BatchBytes / sizeof(fanotify_event_metadata);
 
   void OpenRenameGroup();
-  // The permission group, numbered above the rename group; -1 with errno on failure.
-  int OpenPermissionGroup() const;
   qeb::result_t Attach(nox::IFileEventsReceiver* receiver,
                        const nox::FileEventsSubscription& subscription, bool replace);
   void Detach() noexcept;
   Receiver CurrentReceiver() const;
+  Context CurrentContext() const;
 
-  // m_marksMutex held for all four.
+  // m_marksMutex held for all five.
   qeb::result_t PlaceMarks(const nox::FileEventsSubscription& subscription,
                            const nox::MountList& mounts);
-  void PlaceMountMarks(const std::vector<Mark>& marks, uint64_t mask,
-                       const nox::MountList& mounts, size_t& placed);
-  void PlaceFilesystemMarks(const std::vector<Mark>& marks, const nox::MountList& mounts);
+  void PlacePermissionMarks(const std::vector<PlacedMark>& marks, uint64_t mask,
+                            const nox::MountList& mounts, size_t& placed);
+  void PlaceRenameMarks(const std::vector<Mark>& marks, const nox::MountList& mounts);
+  void UpdateScope(const std::vector<PlacedMark>& marks);
   void RemoveAllMarks() noexcept;
 
-  void ReadPermissionEvents() noexcept;
+  void ReadLane(Lane& lane) noexcept;
   void ReadRenameEvents() noexcept;
   // Waits for events on group; false once the readers are told to stop.
   bool WaitReadable(int group) const noexcept;
   void ReportReadError(int error) noexcept;
-  void HandlePermissionGroupEvent(const fanotify_event_metadata& event, const Receiver& receiver,
-                                  EventRecordBuilder& records, Clock::time_point now) noexcept;
-  void HandleRenameEvent(const fanotify_event_metadata& event, const Receiver& receiver,
-                         EventRecordBuilder& records, Clock::time_point now) noexcept;
+  // Puts a permission event in the table under the deadline before anything is read about
+  // its file: its cookie, or 0 when it stays with the reader.
+  uint64_t RegisterEarly(const fanotify_event_metadata& event) noexcept;
+  // cookie: the event's from RegisterEarly, or 0.
+  void HandlePermissionGroupEvent(const fanotify_event_metadata& event, const Context& context,
+                                  EventRecordBuilder& records, uint64_t cookie) noexcept;
+  void HandleRenameEvent(const fanotify_event_metadata& event, const Context& context,
+                         EventRecordBuilder& records) noexcept;
+  // Reads the file's path and metadata and places the path in oasd's namespace: true when
+  // the event is for the module (a file that cannot be placed is).
+  bool InScope(int fd, const Context& context, EventRecordBuilder& records);
   // Hands the event to the module through the table; handedOver turns true once the table
-  // owns the descriptor.
-  void Deliver(int fd, int32_t pid, uint32_t oper, bool permission, const Receiver& receiver,
-               EventRecordBuilder& records, Clock::time_point now, bool& handedOver);
+  // owns the descriptor. cookie: the event's when the table already holds it, or 0.
+  void Deliver(int fd, int32_t pid, uint32_t oper, bool permission, const Context& context,
+               EventRecordBuilder& records, uint64_t cookie, bool& handedOver);
+  // Lets an event go unscanned: through the table when it holds it (cookie not 0).
+  void LetThrough(int fd, bool permission, uint64_t cookie) noexcept;
   // false (and noted, sparingly) when MaxNotificationsInFlight wait already.
   bool RoomForNotification() noexcept;
   // Allows a permission event (a notification needs no answer) and closes its descriptor.
@@ -126,12 +158,11 @@ class FanotifyEventsProvider
   const int32_t m_ownPid;
   const uint64_t m_ownNamespace;
 
-  std::shared_ptr<FanotifyResponder> m_responder;  // owns the permission group
-  int m_permissionGroup = -1;
+  std::shared_ptr<FanotifyResponder> m_responder;  // owns the permission groups
+  std::vector<Lane> m_lanes;  // fixed after SetUp; [0] serves local filesystems
   UniqueFd m_renameGroup;
   UniqueFd m_stopFd;
   std::shared_ptr<PermissionTable> m_table;
-  std::thread m_permissionReader;
   std::thread m_renameReader;
   bool m_followingMounts = false;
   std::atomic<uint64_t> m_nextCookie{0};
@@ -139,16 +170,21 @@ class FanotifyEventsProvider
   std::atomic<uint64_t> m_readErrors{0};
   std::atomic<bool> m_overflowReported{false};
   std::atomic<uint64_t> m_notificationsSkipped{0};
+  std::atomic<uint64_t> m_unplaced{0};
+
+  mutable std::mutex m_scopeMutex;  // guards m_scope only
+  std::shared_ptr<const FilesystemScope> m_scope;
 
   mutable std::mutex m_subscriptionMutex;  // guards m_receiver
   Receiver m_receiver;
 
   mutable std::mutex m_marksMutex;  // guards everything below
   bool m_subscribed = false;
+  bool m_closed = false;  // set by TearDown: no group may be marked again
   nox::FileEventsSubscription m_subscription;
-  std::vector<Mark> m_mountMarks;
-  uint64_t m_mountMask = 0;
-  std::vector<Mark> m_filesystemMarks;
+  std::vector<PlacedMark> m_permissionMarks;
+  uint64_t m_permissionMask = 0;
+  std::vector<Mark> m_renameMarks;
   Anchors m_anchors;
 };
 

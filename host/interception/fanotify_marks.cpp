@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <map>
 
+#include "host/system/mount_table.h"
 #include "settings/never_monitored_filesystems.h"
 
 namespace oasd {
@@ -73,6 +74,26 @@ std::vector<Mark> ChooseFilesystemMarks(const std::vector<Mark>& mountMarks) {
     if (std::none_of(marks.begin(), marks.end(), [&](const Mark& m) { return m.dev == mark.dev; }))
       marks.push_back(mark);
   return marks;
+}
+
+bool MayWaitOnServer(std::string_view fsType) {
+  return fsType == "fuse" || fsType == "fuseblk" || fsType.starts_with("fuse.") ||
+         IsNetworkFilesystemType(fsType);
+}
+
+std::vector<size_t> ChooseLanes(const std::vector<Mark>& filesystemMarks,
+                                const nox::MountList& mounts, size_t serverLanes) {
+  const std::vector<const nox::MountRecord*> top = TopMounts(mounts);
+  std::vector<size_t> lanes;
+  size_t servers = 0;
+  for (const auto& mark : filesystemMarks) {
+    const auto mount = std::find_if(top.begin(), top.end(), [&](const nox::MountRecord* m) {
+      return m->mountPoint == mark.mountPoint;
+    });
+    const bool server = mount != top.end() && MayWaitOnServer((*mount)->fsType);
+    lanes.push_back(server && serverLanes > 0 ? 1 + std::min(servers++, serverLanes - 1) : 0);
+  }
+  return lanes;
 }
 
 PathFilter::PathFilter(const nox::FileEventsSubscription& subscription) {

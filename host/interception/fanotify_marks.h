@@ -31,6 +31,13 @@ std::vector<Mark> ChooseMountMarks(const std::vector<nox::ScanArea>& areas,
 // The first mark of each device: one filesystem-wide mark covers all of its mounts.
 std::vector<Mark> ChooseFilesystemMarks(const std::vector<Mark>& mountMarks);
 
+// A filesystem whose open or metadata calls may wait on a server: FUSE and network types.
+bool MayWaitOnServer(std::string_view fsType);
+// The lane of each filesystem mark: 0 for every filesystem that never waits on a server,
+// then one lane each for those that may, in order, the last of serverLanes shared by the rest.
+std::vector<size_t> ChooseLanes(const std::vector<Mark>& filesystemMarks,
+                                const nox::MountList& mounts, size_t serverLanes);
+
 // A mount mark sees the whole mount, so paths are filtered here: a path reaches the module
 // when it lies in a scan area whose masks match its name and in no excluded area whose masks
 // do. Masks are shell patterns on the file's name; none, or "*", match every name.

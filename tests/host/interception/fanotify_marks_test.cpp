@@ -64,6 +64,16 @@ TEST(FanotifyMarks, TheMountOnTopDecidesAndEachFilesystemIsMarkedOnce) {
             (std::vector<std::string>{"/data", "/data/usb"}));
 }
 
+// A server that stops answering holds its lane: it must never share the local one.
+TEST(FanotifyMarks, FilesystemsThatWaitOnServersGetLanesOfTheirOwnBeyondTheLocalOne) {
+  const nox::MountList mounts = {Mount("/w", "tmpfs", 1), Mount("/w/a", "fuse.sshfs", 2),
+                                 Mount("/w/b", "nfs4", 3), Mount("/w/c", "fuse.x", 4),
+                                 Mount("/w/d", "ext4", 5), Mount("/w/e", "fuseblk", 6)};
+  const auto marks = ChooseFilesystemMarks(ChooseMountMarks(Areas({"/w"}), mounts));
+  EXPECT_EQ(oasd::ChooseLanes(marks, mounts, 3), (std::vector<size_t>{0, 1, 2, 3, 0, 3}));
+  EXPECT_EQ(oasd::ChooseLanes(marks, mounts, 0), (std::vector<size_t>{0, 0, 0, 0, 0, 0}));
+}
+
 TEST(FanotifyMarks, FilterTakesPathsInAreasOnNameBoundariesMinusExclusions) {
   nox::FileEventsSubscription subscription;
   subscription.scanAreas = {{"/data/", {"*"}}, {"/srv", {"*.txt", "*.sh"}}};
