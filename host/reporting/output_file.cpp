@@ -54,7 +54,8 @@ std::string UnfitDirectory(const std::string& dir, const struct stat& st) {
 // One directory of the path: a link must be root's, and what it leads to is checked too.
 std::string CheckDirectory(const std::string& dir) {
   struct stat st {};
-  if (::lstat(dir.c_str(), &st) != 0) return ErrnoText(dir, errno);
+  if (::lstat(dir.c_str(), &st) != 0)
+    return errno == ENOENT ? "directory " + Quoted(dir) + " does not exist" : ErrnoText(dir, errno);
   if (S_ISLNK(st.st_mode)) {
     if (!Trusted(st.st_uid))
       return Quoted(dir) + " is a symbolic link owned by uid " + std::to_string(st.st_uid);
@@ -118,7 +119,11 @@ UniqueFd OpenAppendFile(const std::string& path, std::string& error) {
                      O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC,
                      0640));
   if (!fd.Valid()) {
-    error = errno == ELOOP ? Quoted(path) + " is a symbolic link" : ErrnoText(path, errno);
+    // The kernel's own guard in sticky directories may answer EACCES before ELOOP.
+    const int openError = errno;
+    struct stat st {};
+    const bool link = ::lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode);
+    error = link ? Quoted(path) + " is a symbolic link" : ErrnoText(path, openError);
     return {};
   }
   struct stat st {};
