@@ -119,11 +119,11 @@ UniqueFd OpenAppendFile(const std::string& path, std::string& error) {
                      O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC,
                      0640));
   if (!fd.Valid()) {
-    // The kernel's own guard in sticky directories may answer EACCES before ELOOP.
+    // The kernel's own guards in sticky directories may answer EACCES first; the reason
+    // worth reporting is what lies at the path.
     const int openError = errno;
-    struct stat st {};
-    const bool link = ::lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode);
-    error = link ? Quoted(path) + " is a symbolic link" : ErrnoText(path, openError);
+    error = CheckOutputFile(path);
+    if (error.empty()) error = ErrnoText(path, openError);
     return {};
   }
   struct stat st {};

@@ -1,0 +1,191 @@
+// oasd's own files on a real fanotify: what an ordinary user (uid 65534) plants at an output
+// path stops the start and is left alone, a configuration the check passes starts, SIGHUP
+// reopens rotated files and says what it applied, and a file name cannot forge a log line.
+// Each scenario runs in its own sandbox (oasd_harness.h).
+#include <grp.h>
+
+#include "oasd_harness.h"
+
+namespace oasd_e2e {
+namespace {
+
+constexpr uid_t kNobody = 65534;
+
+// Runs body as uid and gid 65534, as the ordinary user who plants things.
+Exit AsNobody(const std::function<int()>& body) {
+  return InChild([&] {
+    if (::setgroups(0, nullptr) != 0 || ::setresgid(kNobody, kNobody, kNobody) != 0 ||
+        ::setresuid(kNobody, kNobody, kNobody) != 0)
+      return errno;
+    return body();
+  });
+}
+
+size_t LinesHolding(const std::string& text, const std::string& part) {
+  std::istringstream lines(text);
+  size_t n = 0;
+  for (std::string line; std::getline(lines, line);) n += line.find(part) != std::string::npos;
+  return n;
+}
+
+std::string Key(const char* key, const std::string& path) {
+  return "\"" + std::string(key) + "\": " + nlohmann::json(path).dump();
+}
+
+TEST(OasdFiles, WhatAnotherUserPlantsAtAnOutputPathStopsTheStartAndIsLeftAlone) {
+  OASD_SCENARIO([](Sandbox& s) {
+    const std::string shared = s.State("shared"), victim = s.State("victim");
+    ::mkdir(shared.c_str(), 0755);
+    ::chmod(shared.c_str(), 01777);  // world-writable and sticky, like /tmp
+    WriteFile(victim, "root's own data\n", 0600);
+    const struct {
+      const char* key;
+      const char* name;
+      bool link;  // a link to the victim, else a file of the user's open to all
+      const char* message;
+    } cases[] = {
+        {"events_file", "events.jsonl", true, "cannot open the events file"},
+        {"log_file", "oasd.log", true, "cannot open the log file"},
+        {"metrics_file", "metrics.prom", true, "cannot write the metrics file"},
+        {"events_file", "open.jsonl", false, "cannot open the events file"},
+    };
+    for (const auto& c : cases) {
+      const std::string path = shared + "/" + c.name;
+      const Exit plant = AsNobody([&] {
+        if (c.link) return ::symlink(victim.c_str(), path.c_str()) == 0 ? 0 : errno;
+        const int error = CreateWith(path, "");
+        return error ? error : (::chmod(path.c_str(), 0666) == 0 ? 0 : errno);
+      });
+      s.Expect(plant.Is(0), std::string("planting ") + c.name + ": " + plant.Text());
+      const std::string config = s.WriteConfig(Key(c.key, path));
+      const std::string why = c.link ? " is a symbolic link" : " is owned by uid 65534";
+      std::string output;
+      const Exit check = s.RunOasdToEnd({"--check-config", config}, output);
+      s.Expect(check.Is(2) && output.find("config key \"" + std::string(c.key) + "\"") != std::string::npos &&
+                   output.find(path + "\"" + why) != std::string::npos,
+               std::string("--check-config with ") + c.name + ": " + check.Text(false) + ": " + output);
+      const Exit start = s.RunOasdToEnd({"--config", config}, output);
+      s.Expect(start.Is(1) && output.find(c.message) != std::string::npos &&
+                   output.find(path + "\"" + why) != std::string::npos,
+               std::string("start with ") + c.name + ": " + start.Text(false) + ": " + output);
+    }
+    s.Expect(ReadFile(victim) == "root's own data\n", "the victim changed: " + ReadFile(victim));
+
+    // The metrics temporary has no name to guess: links at the likely ones catch nothing.
+    const std::string metrics = s.State("metrics");
+    ::mkdir(metrics.c_str(), 0755);
+    ::chmod(metrics.c_str(), 01777);
+    for (const char* guess : {"/m.prom.tmp", "/.m.prom.tmp"})
+      AsNobody([&] { return ::symlink(victim.c_str(), (metrics + guess).c_str()); });
+    if (!s.StartOasd(Key("metrics_file", metrics + "/m.prom"))) return;
+    s.Expect(ReadFile(metrics + "/m.prom").find("oasd_events_total") != std::string::npos,
+             "no first metrics page");
+    s.Expect(ReadFile(victim) == "root's own data\n", "a guessed temporary name was used");
+  });
+}
+
+// Each configuration the check passes must start; each it refuses names its key (and does
+// not start either).
+TEST(OasdFiles, EveryConfigurationTheCheckPassesStarts) {
+  OASD_SCENARIO([](Sandbox& s) {
+    const std::string empty = s.State("no-signatures"), open = s.State("open");
+    ::mkdir(empty.c_str(), 0755);
+    ::mkdir(open.c_str(), 0777);
+    ::chmod(open.c_str(), 0777);
+    const struct {
+      std::string extra;
+      const char* key;  // nullptr: the check passes and oasd starts
+      bool raw = false;  // written as it stands, for a duplicate key the harness would fold
+    } cases[] = {
+        {R"("engine": "clamav")", nullptr},
+        {R"("engine": "none", "log_level": "detail")", nullptr},
+        {Key("events_file", s.State("made-at-start/events.jsonl")), nullptr},
+        {Key("log_file", s.State("oasd.log")), nullptr},
+        {Key("module_path", s.State("no/liboas.so")), "module_path"},
+        {R"("engine": "clamav", )" + Key("signature_dir", empty), "signature_dir"},
+        {Key("events_file", s.State("no/such/events.jsonl")), "events_file"},
+        {Key("metrics_file", open + "/metrics.prom"), "metrics_file"},
+        {Key("log_file", s.State("")), "log_file"},
+        {R"("engine": "none", "engine": "clamav")", "engine", true},
+        {R"("permission_deadline_ms": 0)", "permission_deadline_ms"},
+        {R"("verdict_timeout_ms": 60000)", "verdict_timeout_ms"},
+    };
+    for (const auto& c : cases) {
+      std::string text = s.ConfigText(c.raw ? "" : c.extra);
+      if (c.raw) text.insert(text.size() - 1, ", " + c.extra);
+      const std::string config = s.State("oasd.json");
+      WriteFile(config, text);
+      std::string output;
+      const Exit check = s.RunOasdToEnd({"--check-config", config}, output);
+      if (!c.key) {
+        s.Expect(check.Is(0), c.extra + ": --check-config " + check.Text(false) + ": " + output);
+        if (s.StartOasdWith(config)) s.StopOasd();
+        continue;
+      }
+      const std::string named = "config key \"" + std::string(c.key) + "\"";
+      s.Expect(check.Is(2) && output.find(named) != std::string::npos,
+               c.extra + ": --check-config " + check.Text(false) + ": " + output);
+      const Exit start = s.RunOasdToEnd({"--config", config}, output);
+      s.Expect(!start.Is(0) && output.find("oasd: ready") == std::string::npos,
+               c.extra + ": started although the check refused it: " + output);
+    }
+  });
+}
+
+TEST(OasdFiles, SighupReopensRotatedFilesAndSaysWhatItApplied) {
+  OASD_SCENARIO([](Sandbox& s) {
+    const std::string log = s.State("oasd.log"), events = s.EventsFile();
+    const std::string first = s.Watched("first.com"), second = s.Watched("second.com");
+    WriteFile(first, kEicar);
+    WriteFile(second, kEicar);
+    if (!s.StartOasd(R"("engine": "clamav", )" + Key("log_file", log))) return;
+    InChild([&] { return OpenAndRead(first); });
+    s.Expect(s.AwaitEvent("detection", first), "no detection line for " + first);
+
+    // What logrotate does: rename, then SIGHUP.
+    ::rename(events.c_str(), (events + ".1").c_str());
+    ::rename(log.c_str(), (log + ".1").c_str());
+    ::kill(s.Oasd(), SIGHUP);
+    const std::string unchanged = "no configuration change applied";
+    s.Expect(WaitUntil([&] { return ReadFile(log).find(unchanged) != std::string::npos; }, kEventLimit),
+             "no new log after SIGHUP:\n" + ReadFile(log + ".1"));
+    s.Expect(ReadFile(log).find("configuration reloaded") == std::string::npos,
+             "an unchanged configuration was reported reloaded:\n" + ReadFile(log));
+    InChild([&] { return OpenAndRead(second); });
+    s.Expect(s.AwaitEvent("detection", second), "no detection line in the new events file");
+    s.Expect(ReadFile(events + ".1").find("second.com") == std::string::npos,
+             "the rotated events file was written to");
+
+    // A change SIGHUP applies is named once; each it cannot apply gets its own notice.
+    s.WriteConfig(R"("engine": "none", "checked_cache_entries": 5, "log_level": "detail", )" +
+                  Key("log_file", log));
+    ::kill(s.Oasd(), SIGHUP);
+    s.Expect(WaitUntil([&] { return ReadFile(log).find("reloaded: log_level") != std::string::npos; },
+                       kEventLimit),
+             "the applied key was not named:\n" + ReadFile(log));
+    for (const char* key : {"engine", "checked_cache_entries"})
+      s.Expect(LinesHolding(ReadFile(log), "key \"" + std::string(key) + "\" changed; it takes effect "
+                                           "at the next start") == 1,
+               std::string("no single notice for ") + key + ":\n" + ReadFile(log));
+  });
+}
+
+TEST(OasdFiles, AFileNameCannotForgeALogLine) {
+  OASD_SCENARIO([](Sandbox& s) {
+    const std::string forged = "2026-11-22T09:05:03.123Z NOTICE oasd: forged";
+    const std::string name = s.Watched("x\n" + forged + "\x1b[2K\r.com");
+    WriteFile(name, kEicar);
+    if (!s.StartOasd(R"("engine": "clamav")")) return;
+    const Exit open = InChild([&] { return OpenAndRead(name); });
+    s.Expect(open.Denied(), "opening the EICAR file: " + open.Text());
+    s.Expect(s.AwaitEvent("detection", name), "no detection line holding the file's real name");
+    const std::string log = s.OasdLog();
+    s.Expect(LinesHolding(log, "forged") == 1 && LinesHolding(log, "detected") == 1,
+             "the event is not exactly one log line:\n" + log);
+    s.Expect(log.find("\n" + forged) == std::string::npos && log.find('\x1b') == std::string::npos,
+             "the file name forged a line:\n" + log);
+  });
+}
+
+}  // namespace
+}  // namespace oasd_e2e
