@@ -139,7 +139,7 @@ TEST(HostTracer, LinesCarryTimeAndLevelAndRespectTheCeiling) {
 }
 
 // A file name is the one piece of a log line an ordinary user chooses: whatever it holds,
-// a record stays one line and reads unambiguously.
+// it stays on its line and reads unambiguously (the whole path: oasd_files_test).
 TEST(HostTracer, UntrustedTextCannotAddALineOrHideInAnEscape) {
   const struct {
     std::string in, out;
@@ -155,38 +155,6 @@ TEST(HostTracer, UntrustedTextCannotAddALineOrHideInAnEscape) {
       {"caf\xc3\xa9 \xe4\xb8\xad \xf0\x9f\x98\x80 \xc2\xa0", "caf\xc3\xa9 \xe4\xb8\xad \xf0\x9f\x98\x80 \xc2\xa0"},
   };
   for (const auto& c : cases) EXPECT_EQ(oasd::EscapeLogText(c.in), c.out) << c.in;
-
-  qeb::testing::TempDir dir;
-  const std::string path = dir.Path() + "/oasd.log";
-  auto tracer = MakeHostObject<oasd::HostTracer>(qeb::trace::LevelNotice);
-  ASSERT_EQ(tracer->OpenLogFile(path), "");
-  const std::string forged = "/w/x\n2026-11-22T09:05:03.123Z NOTICE oasd: configuration reloaded";
-  QEB_TRACE(tracer, qeb::trace::LevelNotice) << "engine: detected Eicar in " << forged;
-  std::ifstream in(path);
-  std::vector<std::string> lines;
-  for (std::string line; std::getline(in, line);) lines.push_back(line);
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_NE(lines[0].find("/w/x\\n2026-11-22T09:05:03.123Z NOTICE"), std::string::npos) << lines[0];
-}
-
-// Rotation: the file is renamed away, and reopening the same path starts a new one.
-TEST(HostEventLog, ReopeningAfterARenameWritesToANewFile) {
-  qeb::testing::TempDir dir;
-  const std::string path = dir.Path() + "/events.jsonl";
-  oasd::HostMetrics metrics;
-  auto log = MakeHostObject<oasd::EventLog>(Sink(MakeHostObject<CapturingTracer>()), metrics);
-  ASSERT_EQ(log->Open(path), "");
-  log->Detection({"/before", "Eicar", 1, 0, "open"});
-  ASSERT_EQ(::rename(path.c_str(), (path + ".1").c_str()), 0);
-  ASSERT_EQ(log->Open(path), "");
-  log->Detection({"/after", "Eicar", 1, 0, "open"});
-  ASSERT_EQ(ReadLines(path).size(), 1u);
-  EXPECT_EQ(ReadLines(path)[0]["path"], "/after");
-  EXPECT_EQ(ReadLines(path + ".1")[0]["path"], "/before");
-  // A reopen that is refused keeps the current file.
-  EXPECT_NE(log->Open(dir.Path() + "/no/such/events.jsonl").find("does not exist"), std::string::npos);
-  log->Detection({"/still", "Eicar", 1, 0, "open"});
-  EXPECT_EQ(ReadLines(path).size(), 2u);
 }
 
 }  // namespace

@@ -9,7 +9,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <sstream>
 
 #include <gtest/gtest.h>
@@ -28,12 +27,22 @@ std::string Content(const std::string& path) {
   return text.str();
 }
 
-void Own(const std::string& path, uid_t uid = kNobody) { ASSERT_EQ(::lchown(path.c_str(), uid, uid), 0); }
-
-std::string MakeDir(const std::string& path, mode_t mode) {
+std::string MakeDir(const std::string& path, mode_t mode, uid_t owner = 0) {
   ::mkdir(path.c_str(), mode);
   ::chmod(path.c_str(), mode);  // past the umask
-  return path;
+  return ::lchown(path.c_str(), owner, owner) == 0 ? path : "";
+}
+
+// A link or an empty file at path, owned by owner; answers path.
+std::string Plant(const std::string& path, const std::string& linkTo, uid_t owner = kNobody,
+                  mode_t mode = 0600) {
+  if (!linkTo.empty()) {
+    fs::create_symlink(linkTo, path);
+  } else {
+    std::ofstream(path) << "";
+    ::chmod(path.c_str(), mode);
+  }
+  return ::lchown(path.c_str(), owner, owner) == 0 ? path : "";
 }
 
 class OutputFile : public ::testing::Test {
@@ -50,92 +59,32 @@ class OutputFile : public ::testing::Test {
 };
 
 TEST_F(OutputFile, EveryPlantIsRefusedNamingItAndLeftAlone) {
+  const std::string through = m_private + "/created-through-the-link";
   const struct {
-    const char* what;
-    std::function<std::string()> plant;  // answers the output path
+    std::string path;
     const char* message;
   } cases[] = {
-      {"another user's link in a sticky directory",
-       [&] {
-         const std::string path = m_shared + "/events.jsonl";
-         fs::create_symlink(m_victim, path);
-         Own(path);
-         return path;
-       },
-       "is a symbolic link"},
-      {"another user's dangling link",
-       [&] {
-         const std::string path = m_shared + "/dangling.jsonl";
-         fs::create_symlink(m_private + "/created-through-the-link", path);
-         Own(path);
-         return path;
-       },
-       "is a symbolic link"},
-      {"root's own link",
-       [&] {
-         fs::create_symlink(m_victim, m_private + "/root-link.log");
-         return m_private + "/root-link.log";
-       },
-       "is a symbolic link"},
-      {"another user's file",
-       [&] {
-         const std::string path = m_private + "/theirs.jsonl";
-         std::ofstream(path) << "";
-         Own(path);
-         ::chmod(path.c_str(), 0600);
-         return path;
-       },
-       "is owned by uid 65534"},
-      {"a file others may write",
-       [&] {
-         const std::string path = m_private + "/open.jsonl";
-         std::ofstream(path) << "";
-         ::chmod(path.c_str(), 0666);
-         return path;
-       },
-       "may be written by group or others (mode 0666)"},
-      {"a hard link to root's file",
-       [&] {
-         fs::create_hard_link(m_victim, m_private + "/hard.log");
-         return m_private + "/hard.log";
-       },
+      {Plant(m_shared + "/events.jsonl", m_victim), "is a symbolic link"},
+      {Plant(m_shared + "/dangling.jsonl", through), "is a symbolic link"},
+      {Plant(m_private + "/root-link.log", m_victim, 0), "is a symbolic link"},
+      {Plant(m_private + "/theirs.jsonl", ""), "is owned by uid 65534"},
+      {Plant(m_private + "/open.jsonl", "", 0, 0666), "may be written by group or others (mode 0666)"},
+      {(fs::create_hard_link(m_victim, m_private + "/hard.log"), m_private + "/hard.log"),
        "has other hard links"},
-      {"a FIFO, which would block the open",
-       [&] {
-         const std::string path = m_private + "/fifo.log";
-         ::mkfifo(path.c_str(), 0600);
-         return path;
-       },
-       "fifo.log"},
-      {"another user's directory on the path",
-       [&] {
-         const std::string dir = MakeDir(m_shared + "/theirs", 0755);
-         Own(dir);
-         return dir + "/events.jsonl";
-       },
-       "is owned by uid 65534"},
-      {"another user's link to a directory on the path",
-       [&] {
-         const std::string link = m_shared + "/logs";
-         fs::create_directory_symlink(m_private, link);
-         Own(link);
-         return link + "/events.jsonl";
-       },
-       "is a symbolic link owned by uid 65534"},
-      {"a directory anyone may write, not sticky",
-       [&] { return MakeDir(m_dir.Path() + "/open", 0777) + "/events.jsonl"; },
-       "is writable by others and not sticky"},
+      {(::mkfifo((m_private + "/fifo.log").c_str(), 0600), m_private + "/fifo.log"), "fifo.log"},
+      {MakeDir(m_shared + "/theirs", 0755, kNobody) + "/events.jsonl", "is owned by uid 65534"},
+      {Plant(m_shared + "/logs", m_private) + "/events.jsonl", "is a symbolic link owned by uid 65534"},
+      {MakeDir(m_dir.Path() + "/open", 0777) + "/events.jsonl", "is writable by others and not sticky"},
   };
   for (const auto& c : cases) {
-    const std::string path = c.plant();
     std::string error;
-    EXPECT_FALSE(oasd::OpenAppendFile(path, error).Valid()) << c.what;
-    EXPECT_NE(error.find(c.message), std::string::npos) << c.what << ": " << error;
-    EXPECT_NE(oasd::CheckOutputFile(path).find(c.message), std::string::npos) << c.what;
-    EXPECT_NE(oasd::ReplaceFile(path, "page\n", 0644).find(c.message), std::string::npos) << c.what;
+    EXPECT_FALSE(oasd::OpenAppendFile(c.path, error).Valid()) << c.path;
+    EXPECT_NE(error.find(c.message), std::string::npos) << c.path << ": " << error;
+    EXPECT_NE(oasd::CheckOutputFile(c.path).find(c.message), std::string::npos) << c.path;
+    EXPECT_NE(oasd::ReplaceFile(c.path, "page\n", 0644).find(c.message), std::string::npos) << c.path;
   }
   EXPECT_EQ(Content(m_victim), "root's own data\n");
-  EXPECT_FALSE(fs::exists(m_private + "/created-through-the-link"));
+  EXPECT_FALSE(fs::exists(through));
   EXPECT_FALSE(fs::exists(m_private + "/events.jsonl"));
 }
 
@@ -157,10 +106,8 @@ TEST_F(OutputFile, AFreshFileIsRootsAloneAndItsDirectoryIsMade) {
 // catch nothing; the page replaces the file whole and no temporary is left behind.
 TEST_F(OutputFile, AReplacedPageUsesAnUnguessableTemporary) {
   const std::string path = m_shared + "/metrics.prom";
-  for (const char* guess : {"/metrics.prom.tmp", "/.metrics.prom.tmp", "/.metrics.prom.XXXXXX"}) {
-    fs::create_symlink(m_victim, m_shared + guess);
-    Own(m_shared + guess);
-  }
+  for (const char* guess : {"/metrics.prom.tmp", "/.metrics.prom.tmp", "/.metrics.prom.XXXXXX"})
+    Plant(m_shared + guess, m_victim);
   ASSERT_EQ(oasd::ReplaceFile(path, "first\n", 0644), "");
   ASSERT_EQ(oasd::ReplaceFile(path, "second\n", 0644), "");
   EXPECT_EQ(Content(path), "second\n");
