@@ -79,7 +79,7 @@ TEST(OasdFiles, EveryConfigurationTheCheckPassesStarts) {
       const std::string config = s.State("oasd.json");
       WriteFile(config, text);
       std::string output;
-      const Exit check = s.RunOasdToEnd({"--check-config", config}, output);
+      const Exit check = RunOasdToEnd(s.State("run.txt"), {"--check-config", config}, output);
       if (!c.key) {
         s.Expect(check.Is(0), c.extra + ": --check-config " + check.Text(false) + ": " + output);
         if (s.StartOasdWith(config)) s.StopOasd();
@@ -88,7 +88,7 @@ TEST(OasdFiles, EveryConfigurationTheCheckPassesStarts) {
       const std::string named = "config key \"" + std::string(c.key) + "\"";
       s.Expect(check.Is(2) && output.find(named) != std::string::npos,
                c.extra + ": --check-config " + check.Text(false) + ": " + output);
-      const Exit start = s.RunOasdToEnd({"--config", config}, output);
+      const Exit start = RunOasdToEnd(s.State("run.txt"), {"--config", config}, output);
       s.Expect(!start.Is(0) && output.find("oasd: ready") == std::string::npos,
                c.extra + ": started although the check refused it: " + output);
     }
@@ -96,10 +96,12 @@ TEST(OasdFiles, EveryConfigurationTheCheckPassesStarts) {
   });
 }
 
-TEST(OasdFiles, SighupReopensRotatedFilesAndSaysWhatItApplied) {
+// The second file's name holds a forged log line: the event must still be one line.
+TEST(OasdFiles, SighupReopensRotatedFilesAndSaysWhatItAppliedAndANameForgesNoLine) {
   OASD_SCENARIO([](Sandbox& s) {
     const std::string log = s.State("oasd.log"), events = s.EventsFile();
-    const std::string first = s.Watched("first.com"), second = s.Watched("second.com");
+    const std::string forged = "2026-11-22T09:05:03.123Z NOTICE oasd: forged";
+    const std::string first = s.Watched("first.com"), second = s.Watched("x\n" + forged + "\x1b[2K\r.com");
     WriteFile(first, kEicar);
     WriteFile(second, kEicar);
     if (!s.StartOasd(R"("engine": "clamav", )" + Key("log_file", log))) return;
@@ -115,10 +117,12 @@ TEST(OasdFiles, SighupReopensRotatedFilesAndSaysWhatItApplied) {
              "no new log after SIGHUP:\n" + ReadFile(log + ".1"));
     s.Expect(ReadFile(log).find("configuration reloaded") == std::string::npos,
              "an unchanged configuration was reported reloaded:\n" + ReadFile(log));
-    InChild([&] { return OpenAndRead(second); });
-    s.Expect(s.AwaitEvent("detection", second), "no detection line in the new events file");
-    s.Expect(ReadFile(events + ".1").find("second.com") == std::string::npos,
-             "the rotated events file was written to");
+    const Exit open = InChild([&] { return OpenAndRead(second); });
+    s.Expect(open.Denied() && s.AwaitEvent("detection", second), "no detection in the new events file");
+    s.Expect(ReadFile(events + ".1").find("forged") == std::string::npos, "the rotated events file was written to");
+    s.Expect(LinesHolding(ReadFile(log), "forged") == 1 && LinesHolding(ReadFile(log), "detected") == 1 &&
+                 ReadFile(log).find("\n" + forged) == std::string::npos && ReadFile(log).find('\x1b') == std::string::npos,
+             "the file name forged a line:\n" + ReadFile(log));
 
     // A change SIGHUP applies is named once; each it cannot apply gets its own notice.
     s.WriteConfig(R"("engine": "none", "checked_cache_entries": 5, "log_level": "detail", )" +
@@ -131,23 +135,6 @@ TEST(OasdFiles, SighupReopensRotatedFilesAndSaysWhatItApplied) {
       s.Expect(LinesHolding(ReadFile(log), "key \"" + std::string(key) + "\" changed; it takes effect "
                                            "at the next start") == 1,
                std::string("no single notice for ") + key + ":\n" + ReadFile(log));
-  });
-}
-
-TEST(OasdFiles, AFileNameCannotForgeALogLine) {
-  OASD_SCENARIO([](Sandbox& s) {
-    const std::string forged = "2026-11-22T09:05:03.123Z NOTICE oasd: forged";
-    const std::string name = s.Watched("x\n" + forged + "\x1b[2K\r.com");
-    WriteFile(name, kEicar);
-    if (!s.StartOasd(R"("engine": "clamav")")) return;
-    const Exit open = InChild([&] { return OpenAndRead(name); });
-    s.Expect(open.Denied(), "opening the EICAR file: " + open.Text());
-    s.Expect(s.AwaitEvent("detection", name), "no detection line holding the file's real name");
-    const std::string log = s.OasdLog();
-    s.Expect(LinesHolding(log, "forged") == 1 && LinesHolding(log, "detected") == 1,
-             "the event is not exactly one log line:\n" + log);
-    s.Expect(log.find("\n" + forged) == std::string::npos && log.find('\x1b') == std::string::npos,
-             "the file name forged a line:\n" + log);
   });
 }
 

@@ -190,6 +190,24 @@ inline std::optional<uint64_t> StatusKb(pid_t pid, const std::string& field) {
   return std::nullopt;
 }
 
+// oasd with these arguments, for a run expected to end by itself (a check, a refused start);
+// its stdout and stderr together land in outputPath and in `output`.
+inline Exit RunOasdToEnd(const std::string& outputPath, const std::vector<std::string>& args,
+                         std::string& output) {
+  const Exit exit = InChild([&] {
+    const int fd = ::open(outputPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    ::dup2(fd, STDOUT_FILENO);
+    ::dup2(fd, STDERR_FILENO);
+    std::vector<char*> argv{const_cast<char*>(OASD_BINARY)};
+    for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    ::execv(OASD_BINARY, argv.data());
+    return 127;
+  }, kReadyLimit);
+  output = ReadFile(outputPath);
+  return exit;
+}
+
 inline std::optional<uint64_t> MetricValue(const std::string& page, const std::string& name) {
   std::istringstream lines(page);
   for (std::string line; std::getline(lines, line);)
@@ -264,24 +282,6 @@ class Sandbox {
     const std::string config = State("oasd.json");
     WriteFile(config, ConfigText(extraConfig));
     return config;
-  }
-
-  // oasd with these arguments, for a run expected to end by itself (a check, a refused
-  // start); its stdout and stderr together land in `output`.
-  Exit RunOasdToEnd(const std::vector<std::string>& args, std::string& output) {
-    const std::string path = State("run.txt");
-    const Exit exit = InChild([&] {
-      const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-      ::dup2(fd, STDOUT_FILENO);
-      ::dup2(fd, STDERR_FILENO);
-      std::vector<char*> argv{const_cast<char*>(OASD_BINARY)};
-      for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-      argv.push_back(nullptr);
-      ::execv(OASD_BINARY, argv.data());
-      return 127;
-    }, kReadyLimit);
-    output = ReadFile(path);
-    return exit;
   }
 
   bool StartOasd(const std::string& extraConfig) { return StartOasdWith(WriteConfig(extraConfig)); }
