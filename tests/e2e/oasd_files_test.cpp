@@ -44,13 +44,22 @@ TEST(OasdFiles, EveryConfigurationTheCheckPassesStarts) {
       ::chmod(dir.c_str(), static_cast<mode_t>(mode));
     }
     WriteFile(victim, "root's own data\n", 0600);
+    // What an ordinary user can leave in a sticky directory, and what root's own mistakes
+    // look like: a link, a hard link, a FIFO at the path.
     const Exit plant = AsNobody([&] {
-      for (const char* name : {"/events.jsonl", "/oasd.log", "/metrics.prom"})
+      for (const char* name : {"/events.jsonl", "/oasd.log", "/metrics.prom", "/m.prom.tmp", "/.m.prom.tmp"})
         if (::symlink(victim.c_str(), (shared + name).c_str()) != 0) return errno;
+      if (::symlink(s.State("").c_str(), (shared + "/logs").c_str()) != 0 ||
+          ::mkdir((shared + "/theirs").c_str(), 0755) != 0)
+        return errno;
       const int error = CreateWith(shared + "/open.jsonl", "");
       return error ? error : ::chmod((shared + "/open.jsonl").c_str(), 0666);
     });
     s.Expect(plant.Is(0), "planting as uid 65534: " + plant.Text());
+    WriteFile(s.State("root-target"), "", 0600);  // fit to append to, were the link followed
+    ::symlink(s.State("root-target").c_str(), s.State("root-link.log").c_str());
+    ::link(victim.c_str(), s.State("hard.log").c_str());
+    ::mkfifo(s.State("fifo.log").c_str(), 0600);
     const struct {
       std::string extra;
       const char* key;  // nullptr: the check passes and oasd starts
@@ -60,10 +69,16 @@ TEST(OasdFiles, EveryConfigurationTheCheckPassesStarts) {
         {R"("engine": "none", "log_level": "detail")", nullptr},
         {Key("events_file", s.State("made-at-start/events.jsonl")), nullptr},
         {Key("log_file", s.State("oasd.log")), nullptr},
+        {Key("metrics_file", shared + "/m.prom"), nullptr},  // links at likely temporary names
         {Key("events_file", shared + "/events.jsonl"), "events_file"},
         {Key("log_file", shared + "/oasd.log"), "log_file"},
         {Key("metrics_file", shared + "/metrics.prom"), "metrics_file"},
         {Key("events_file", shared + "/open.jsonl"), "events_file"},
+        {Key("events_file", shared + "/logs/events.jsonl"), "events_file"},
+        {Key("events_file", shared + "/theirs/events.jsonl"), "events_file"},
+        {Key("log_file", s.State("root-link.log")), "log_file"},
+        {Key("log_file", s.State("hard.log")), "log_file"},
+        {Key("log_file", s.State("fifo.log")), "log_file"},
         {Key("module_path", s.State("no/liboas.so")), "module_path"},
         {R"("engine": "clamav", )" + Key("signature_dir", empty), "signature_dir"},
         {Key("events_file", s.State("no/such/events.jsonl")), "events_file"},
@@ -93,6 +108,11 @@ TEST(OasdFiles, EveryConfigurationTheCheckPassesStarts) {
                c.extra + ": started although the check refused it: " + output);
     }
     s.Expect(ReadFile(victim) == "root's own data\n", "the victim changed: " + ReadFile(victim));
+    struct stat dir {}, file {};
+    s.Expect(::stat(s.State("made-at-start").c_str(), &dir) == 0 && (dir.st_mode & 07777) == 0750 &&
+                 ::stat(s.State("made-at-start/events.jsonl").c_str(), &file) == 0 &&
+                 (file.st_mode & 07777) == 0640,
+             "a made directory is not 0750 or a new file not 0640");
   });
 }
 
