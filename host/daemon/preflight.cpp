@@ -10,6 +10,7 @@
 #include "host/daemon/config.h"
 #include "host/daemon/module_loader.h"
 #include "host/engine/clamav_engine.h"
+#include "host/engine/format_recognizer.h"
 #include "host/reporting/output_file.h"
 #include "host/reporting/tracer.h"
 #include "interfaces/qeb/tracer.h"
@@ -39,13 +40,15 @@ void CheckModule(const HostOptions& o) {
   }
 }
 
+// The loaders' own reasons go to stderr, at error level only.
+qeb::objptr_t<qeb::ITracer> ErrorTracer() {
+  return qeb::objptr_t<qeb::ITracer>(qeb::host::MakeHostObject<HostTracer>(qeb::trace::LevelError).Get());
+}
+
 void CheckSignatures(const HostOptions& o) {
   if (o.engine != EngineKind::ClamAV) return;
-  // The loader's own reasons go to stderr, at error level only.
-  auto tracer = qeb::host::MakeHostObject<HostTracer>(qeb::trace::LevelError);
   HostMetrics metrics;
-  auto engine = qeb::host::MakeHostObject<ClamavEngine>(qeb::objptr_t<qeb::ITracer>(tracer.Get()),
-                                                        metrics, o, DetectionCallback());
+  auto engine = qeb::host::MakeHostObject<ClamavEngine>(ErrorTracer(), metrics, o, DetectionCallback());
   const qeb::result_t r = engine->SetUp();
   engine->TearDown();
   if (QEB_FAILED(r))
@@ -59,6 +62,9 @@ void CheckRunNeeds(const HostOptions& options) {
   CheckOutputs(options);
   CheckModule(options);
   CheckSignatures(options);
+  // Not a key of the configuration, but the start needs it just the same.
+  if (QEB_FAILED(qeb::host::MakeHostObject<FormatRecognizer>(ErrorTracer())->SetUp()))
+    throw ConfigError("cannot load the file type database (libmagic)");
 }
 
 }  // namespace oasd

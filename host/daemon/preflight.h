@@ -8,7 +8,8 @@
 namespace oasd {
 
 // Throws ConfigError naming the key when the module does not load, the signatures do not
-// load, or an output file could not be opened as the daemon opens it.
+// load, or an output file could not be opened as the daemon opens it; and when the file
+// type database does not load.
 void CheckRunNeeds(const HostOptions& options);
 
 }  // namespace oasd
