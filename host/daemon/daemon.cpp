@@ -238,9 +238,11 @@ void Daemon::Reload() {
       fresh = m_options;
     }
   }
+  // Only a change is applied: a rotation's SIGHUP must not make the module start over.
   std::vector<std::string> applied;
   const auto apply = [&](const char* key, bool changed, auto&& step) {
-    if (changed) applied.push_back(key);
+    if (!changed) return;
+    applied.push_back(key);
     step();
   };
   apply("log_level", fresh.logLevel != m_options.logLevel, [&] {
