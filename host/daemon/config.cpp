@@ -20,6 +20,7 @@
 #include <nlohmann/json.hpp>
 
 #include "framework/qeb/utf.h"
+#include "host/daemon/trusted_file.h"
 #include "interfaces/qeb/tracer.h"
 
 namespace oasd {
@@ -368,6 +369,8 @@ class DuplicateKeys {
 };
 
 json ParseFile(const std::string& path) {
+  if (const std::string fault = UntrustedFile(path); !fault.empty())
+    throw ConfigError("config file " + fault);
   std::ifstream in(path);
   if (!in)
     throw ConfigError("config file " + Quoted(path) + ": cannot be read: " + std::strerror(errno));

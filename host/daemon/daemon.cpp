@@ -37,6 +37,7 @@
 #include "host/interception/permission_table.h"
 #include "host/system/process_manager.h"
 #include "host/daemon/service_locator.h"
+#include "host/daemon/trusted_file.h"
 #include "host/system/task_manager.h"
 #include "host/system/thread_pool.h"
 #include "host/system/timer_service.h"
@@ -452,6 +453,8 @@ void Daemon::StartProtection() {
 
 void Daemon::CreateInterceptor() {
   const std::string path = FindModule(m_options);
+  if (const std::string fault = UntrustedFile(path); !fault.empty())
+    throw std::runtime_error("refusing to load the module: " + fault);
   m_module.Load(path);
   objptr_t<qeb::IObject> object;
   Require(m_module.CreateObject(qeb::CLSID_FileInterceptor, m_services->locator, object.Ref()),

@@ -9,6 +9,7 @@
 #include "framework/qeb/result_text.h"
 #include "host/daemon/config.h"
 #include "host/daemon/module_loader.h"
+#include "host/daemon/trusted_file.h"
 #include "host/engine/clamav_engine.h"
 #include "host/engine/format_recognizer.h"
 #include "host/reporting/output_file.h"
@@ -33,8 +34,10 @@ void CheckOutputs(const HostOptions& o) {
 
 void CheckModule(const HostOptions& o) {
   ModuleLoader module;
+  const std::string path = FindModule(o);
+  if (const std::string fault = UntrustedFile(path); !fault.empty()) Fail("module_path", fault);
   try {
-    module.Load(FindModule(o));
+    module.Load(path);
   } catch (const std::exception& e) {
     Fail("module_path", e.what());
   }

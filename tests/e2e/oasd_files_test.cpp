@@ -64,6 +64,7 @@ TEST(OasdFiles, EveryConfigurationTheCheckPassesStarts) {
       std::string extra;
       const char* key;  // nullptr: the check passes and oasd starts
       bool raw = false;  // written as it stands, for a duplicate key the harness would fold
+      mode_t mode = 0644;  // the config file's
     } cases[] = {
         {R"("engine": "clamav")", nullptr},
         {R"("engine": "none", "log_level": "detail")", nullptr},
@@ -87,12 +88,18 @@ TEST(OasdFiles, EveryConfigurationTheCheckPassesStarts) {
         {R"("engine": "none", "engine": "clamav")", "engine", true},
         {R"("permission_deadline_ms": 0)", "permission_deadline_ms"},
         {R"("verdict_timeout_ms": 60000)", "verdict_timeout_ms"},
+        // Files oasd takes orders from, open to everyone.
+        {"", "config file", false, 0666},
+        {Key("module_path", s.State("liboas.so")), "module_path"},
     };
+    std::filesystem::copy_file(std::filesystem::path(OASD_BINARY).parent_path() / "liboas.so",
+                               s.State("liboas.so"));
+    ::chmod(s.State("liboas.so").c_str(), 0666);
     for (const auto& c : cases) {
       std::string text = s.ConfigText(c.raw ? "" : c.extra);
       if (c.raw) text.insert(text.size() - 1, ", " + c.extra);
       const std::string config = s.State("oasd.json");
-      WriteFile(config, text);
+      WriteFile(config, text, c.mode);
       std::string output;
       const Exit check = RunOasdToEnd(s.State("run.txt"), {"--check-config", config}, output);
       if (!c.key) {
@@ -100,7 +107,8 @@ TEST(OasdFiles, EveryConfigurationTheCheckPassesStarts) {
         if (s.StartOasdWith(config)) s.StopOasd();
         continue;
       }
-      const std::string named = "config key \"" + std::string(c.key) + "\"";
+      const std::string key = c.key;
+      const std::string named = key == "config file" ? key : "config key \"" + key + "\"";
       s.Expect(check.Is(2) && output.find(named) != std::string::npos,
                c.extra + ": --check-config " + check.Text(false) + ": " + output);
       const Exit start = RunOasdToEnd(s.State("run.txt"), {"--config", config}, output);
