@@ -412,7 +412,7 @@ class OasdChild {
       : m_log(options.scratch + "/oasd-" + engine + ".log"),
         m_metrics(options.scratch + "/oasd-" + engine + ".prom") {
     Spawn({options.oasd, "--watch", options.dir, "--engine", engine, "--log-level", "error",
-           "--metrics-file", m_metrics});
+           "--metrics-file", m_metrics, "--events-file", ""});
     try {
       WaitReady();
       RequireMarks();

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds oasd and runs it in the foreground, protecting the given paths; with no path it
-# protects a demo directory (a tmpfs of its own) and prints what to try there. Installs
-# what is missing first (Debian packages, idempotent). Ctrl-C stops oasd cleanly.
+# protects a demo directory (a tmpfs of its own, in a fresh directory removed at the end)
+# and prints what to try there. Installs what is missing first (Debian packages,
+# idempotent). Ctrl-C stops oasd cleanly.
 #   scripts/oasd.sh [--build-dir DIR] [--engine clamav|none] [--log-level LEVEL] [PATH...]
 set -euo pipefail
 
@@ -13,7 +14,7 @@ while [ $# -gt 0 ]; do
   case "$1" in
     --build-dir) build_dir="$2"; shift ;;
     --engine|--log-level) oasd_options+=("$1" "$2"); shift ;;
-    --help|-h) sed -n '2,5p' "$0"; exit 0 ;;
+    --help|-h) sed -n '2,6p' "$0"; exit 0 ;;
     --) shift; break ;;
     -*) echo "usage: $0 [--build-dir DIR] [--engine clamav|none] [--log-level LEVEL] [PATH...]" >&2
         exit 2 ;;
@@ -44,19 +45,25 @@ build() {
   cmake --build "$build_dir" --target oasd oas
 }
 
-demo_dir=/tmp/oasd-demo
+demo_root=""
+demo_dir=""
 demo_mounted=0
 
-# The demo directory gets a tmpfs of its own, so oasd marks that mount and nothing else.
+# The demo lives in a fresh directory of root's with an unpredictable name: oasd refuses
+# output files in a directory another user owns, and a fixed name in /tmp could be a link
+# someone left there. The protected part gets a tmpfs of its own, so oasd marks that mount
+# and nothing else; events and metrics go to a directory only root may write.
 prepare_demo() {
-  mkdir -p "$demo_dir"
-  if ! mountpoint -q "$demo_dir"; then
-    $sudo_cmd mount -t tmpfs -o size=64m,mode=1777 oasd-demo "$demo_dir"
-    demo_mounted=1
-  fi
+  demo_root=$($sudo_cmd mktemp -d /tmp/oasd-demo.XXXXXX)
+  $sudo_cmd chmod 0755 "$demo_root"
+  demo_dir="$demo_root/files"
+  local state="$demo_root/state"
+  $sudo_cmd mkdir -m 0755 "$demo_dir"
+  $sudo_cmd mkdir -m 0750 "$state"
+  $sudo_cmd mount -t tmpfs -o size=64m,mode=1777 oasd-demo "$demo_dir"
+  demo_mounted=1
   echo "This file is clean: reading it is allowed." > "$demo_dir/clean.txt"
-  events_file=/tmp/oasd-demo.events.jsonl
-  metrics_file=/tmp/oasd-demo.metrics.prom
+  local events_file="$state/events.jsonl" metrics_file="$state/metrics.prom"
   oasd_options+=(--events-file "$events_file" --metrics-file "$metrics_file")
   cat <<EOT
 
@@ -64,8 +71,8 @@ oasd protects $demo_dir. In another terminal, try:
   cat $demo_dir/clean.txt                   # allowed
   printf '%s%s' 'X5O!P%@AP[4\\PZX54(P^)7CC)7}\$EICAR' '-STANDARD-ANTIVIRUS-TEST-FILE!\$H+H*' > $demo_dir/eicar.txt
   cat $demo_dir/eicar.txt                   # refused: Operation not permitted
-  tail -f $events_file       # detections and processing errors, one JSON line each
-  sudo kill -USR1 \$(pidof oasd); cat $metrics_file   # metrics now
+  sudo tail -f $events_file       # detections and processing errors, one JSON line each
+  sudo kill -USR1 \$(pidof oasd); sudo cat $metrics_file   # metrics now
 Stop oasd with Ctrl-C.
 
 EOT
@@ -73,15 +80,16 @@ EOT
 
 cleanup() {
   if [ "$demo_mounted" -eq 1 ]; then $sudo_cmd umount "$demo_dir" || true; fi
+  if [ -n "$demo_root" ]; then $sudo_cmd rm -rf --one-file-system -- "$demo_root"; fi
 }
 
 install_missing
 build
+trap cleanup EXIT
 if [ $# -eq 0 ]; then
   prepare_demo
   set -- "$demo_dir"
 fi
-trap cleanup EXIT
 # A trap (not an ignored signal) keeps this shell alive for the cleanup while oasd, which
 # inherits the default disposition, receives the Ctrl-C and stops by itself.
 trap 'true' INT TERM

@@ -13,12 +13,14 @@
 #include <fstream>
 #include <functional>
 #include <limits>
+#include <set>
 #include <sstream>
 #include <type_traits>
 
 #include <nlohmann/json.hpp>
 
 #include "framework/qeb/utf.h"
+#include "host/daemon/trusted_file.h"
 #include "interfaces/qeb/tracer.h"
 
 namespace oasd {
@@ -301,18 +303,35 @@ void RequireSomethingWatched(const ns::OASSettings& settings) {
     Fail("watch", "nothing to watch: no watch path and no scan_scope entry in use");
 }
 
+// Values that would quietly switch protection off are refused, not taken literally.
+void CheckLimits(const HostOptions& o) {
+  if (o.permissionDeadlineMs == 0)
+    Fail("permission_deadline_ms", "0 would let every open through unscanned; expected at least 1");
+  if (o.verdictTimeoutMs == 0)
+    Fail("verdict_timeout_ms", "expected at least 1 (0 would stand for the module's own 30000)");
+  if (o.verdictTimeoutMs > o.permissionDeadlineMs)
+    Fail("verdict_timeout_ms", std::to_string(o.verdictTimeoutMs) + " is longer than "
+                               "permission_deadline_ms (" + std::to_string(o.permissionDeadlineMs) +
+                               "): the deadline would let opens through before the verdict");
+  if (o.stopTimeoutMs == 0) Fail("stop_timeout_ms", "expected at least 1");
+  if (o.metricsIntervalS == 0)
+    Fail("metrics_interval_s", "expected an unsigned integer of at least 1");
+}
+
 void Finish(HostOptions& o) {
   CheckScanScope(o.settings);
   ApplyWatchPaths(o);
   RequireSomethingWatched(o.settings);
   CheckSignatureDir(o.signatureDir);
-  if (o.metricsIntervalS == 0)
-    Fail("metrics_interval_s", "expected an unsigned integer of at least 1");
+  CheckLimits(o);
 }
 
+// The output files default to directories only root may enter, made 0750 at start.
 HostOptions DefaultOptions() {
   HostOptions o;
   o.settings = DefaultSettings();
+  o.eventsFile = "/var/log/oasd/events.jsonl";
+  o.metricsFile = "/run/oasd/metrics.prom";
   return o;
 }
 
@@ -322,16 +341,62 @@ ConfigError KeyFault(const KeyError& e) {
 
 // ---- The config file ----
 
+// Follows the parser through the document so that a key given twice in one object, which
+// the parser would quietly resolve to the last, is refused with its full key path.
+class DuplicateKeys {
+ public:
+  void Event(json::parse_event_t event, const json& parsed) {
+    using E = json::parse_event_t;
+    switch (event) {
+      case E::object_start: m_frames.push_back({ValuePath(), false, 0, {}}); break;
+      case E::array_start: m_frames.push_back({ValuePath(), true, 0, {}}); break;
+      case E::key: {
+        Frame& top = m_frames.back();
+        m_key = Child(top.path, parsed.get<std::string>());
+        if (!top.keys.insert(parsed.get<std::string>()).second) Fail(m_key, "duplicate key");
+        break;
+      }
+      case E::object_end:
+      case E::array_end: m_frames.pop_back(); [[fallthrough]];
+      case E::value:
+        if (!m_frames.empty() && m_frames.back().array) ++m_frames.back().index;
+        break;
+    }
+  }
+
+ private:
+  struct Frame {
+    std::string path;
+    bool array = false;
+    size_t index = 0;
+    std::set<std::string> keys;
+  };
+  std::string ValuePath() const {
+    if (m_frames.empty()) return {};
+    return m_frames.back().array ? Item(m_frames.back().path, m_frames.back().index) : m_key;
+  }
+  std::vector<Frame> m_frames;
+  std::string m_key;
+};
+
 json ParseFile(const std::string& path) {
+  if (const std::string fault = UntrustedFile(path); !fault.empty())
+    throw ConfigError("config file " + fault);
   std::ifstream in(path);
   if (!in)
     throw ConfigError("config file " + Quoted(path) + ": cannot be read: " + std::strerror(errno));
   std::stringstream text;
   text << in.rdbuf();
+  DuplicateKeys duplicates;
   try {
-    return json::parse(text.str());
+    return json::parse(text.str(), [&duplicates](int, json::parse_event_t event, json& parsed) {
+      duplicates.Event(event, parsed);
+      return true;
+    });
   } catch (const json::exception& e) {
     throw ConfigError("config file " + Quoted(path) + ": malformed JSON: " + e.what());
+  } catch (const KeyError& e) {
+    throw KeyFault(e);
   }
 }
 
@@ -364,6 +429,7 @@ struct ValueOption {
 constexpr ValueOption kValueOptions[] = {
     {"--engine", "engine"},
     {"--log-level", "log_level"},
+    {"--log-file", "log_file"},
     {"--events-file", "events_file"},
     {"--metrics-file", "metrics_file"},
 };
@@ -488,13 +554,16 @@ const char* UsageText() noexcept {
          "  --check-config FILE     check the JSON config FILE and exit\n"
          "  --engine clamav|none    scanning engine (default clamav; none allows everything)\n"
          "  --log-level LEVEL       error, notice or detail (or 300, 700, 800; default notice)\n"
+         "  --log-file FILE         append the log to FILE (default: stderr)\n"
          "  --events-file FILE      append detections and processing errors as JSON lines\n"
+         "                          (default /var/log/oasd/events.jsonl; \"\" for none)\n"
          "  --metrics-file FILE     write Prometheus metrics to FILE (every metrics_interval_s\n"
-         "                          seconds and on SIGUSR1)\n"
+         "                          seconds and on SIGUSR1; default /run/oasd/metrics.prom)\n"
          "  -h, --help              print this help and exit\n"
          "\n"
          "Command-line options override the config file. Signals: SIGHUP reloads the\n"
-         "configuration, SIGUSR1 writes the metrics, SIGTERM and SIGINT stop.\n"
+         "configuration and reopens the output files, SIGUSR1 writes the metrics, SIGTERM\n"
+         "and SIGINT stop.\n"
          "Exit status: 0 after a clean stop, 1 on a runtime failure, 2 on a bad configuration.\n";
 }
 

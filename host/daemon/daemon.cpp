@@ -17,6 +17,8 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "framework/qeb/result_text.h"
 #include "host/system/applications.h"
@@ -35,6 +37,7 @@
 #include "host/interception/permission_table.h"
 #include "host/system/process_manager.h"
 #include "host/daemon/service_locator.h"
+#include "host/daemon/trusted_file.h"
 #include "host/system/task_manager.h"
 #include "host/system/thread_pool.h"
 #include "host/system/timer_service.h"
@@ -194,31 +197,116 @@ void Daemon::PushSettings() {
   }
 }
 
-// A bad new configuration leaves everything as it was; a good one reaches the module the
-// way any settings refresh does, through the task manager and the main loop.
+namespace {
+
+// Keys a SIGHUP cannot apply, with whether the fresh configuration changes them; a change
+// is reported and waits for a restart.
+std::vector<std::pair<const char*, bool>> RestartKeys(const HostOptions& now, const HostOptions& fresh,
+                                                      bool engineTakesDelay) {
+  return {
+      {"engine", now.engine != fresh.engine},
+      {"signature_dir", now.signatureDir != fresh.signatureDir},
+      {"engine_delay_ms", !engineTakesDelay && now.engineDelayMs != fresh.engineDelayMs},
+      {"checked_cache_entries", now.checkedCacheEntries != fresh.checkedCacheEntries},
+      {"verdict_timeout_ms", now.verdictTimeoutMs != fresh.verdictTimeoutMs},
+      {"permission_deadline_ms", now.permissionDeadlineMs != fresh.permissionDeadlineMs},
+      {"metrics_file", now.metricsFile != fresh.metricsFile},
+      {"metrics_interval_s", now.metricsIntervalS != fresh.metricsIntervalS},
+      {"module_path", now.modulePath != fresh.modulePath},
+  };
+}
+
+std::string Joined(const std::vector<std::string>& words) {
+  std::string text;
+  for (const auto& word : words) text += (text.empty() ? "" : ", ") + word;
+  return text;
+}
+
+}  // namespace
+
+// Log rotation and the configuration share SIGHUP: the output files are reopened even when
+// the new configuration is bad (at the paths in force then). A bad configuration changes
+// nothing else; a good one is applied key by key, and each key it cannot apply is named.
 void Daemon::Reload() {
   const auto& tracer = m_services->tracer;
-  if (!m_reload) {
-    QEB_TRACE(tracer, trace::LevelNotice) << "oasd: started without --config, nothing to reload";
-    return;
+  HostOptions fresh = m_options;
+  if (m_reload) {
+    try {
+      fresh = m_reload();
+    } catch (const std::exception& error) {
+      QEB_TRACE(tracer, trace::LevelError)
+          << "oasd: keeping the current configuration: " << error.what();
+      fresh = m_options;
+    }
   }
-  HostOptions fresh;
-  try {
-    fresh = m_reload();
-  } catch (const std::exception& error) {
-    QEB_TRACE(tracer, trace::LevelError)
-        << "oasd: keeping the current configuration: " << error.what();
-    return;
-  }
-  tracer->SetCeiling(fresh.logLevel);
-  if (m_services->clamav) {
+  // Only a change is applied: a rotation's SIGHUP must not make the module start over.
+  std::vector<std::string> applied;
+  const auto apply = [&](const char* key, bool changed, auto&& step) {
+    if (!changed) return;
+    applied.push_back(key);
+    step();
+  };
+  apply("log_level", fresh.logLevel != m_options.logLevel, [&] {
+    tracer->SetCeiling(fresh.logLevel);
+    m_options.logLevel = fresh.logLevel;
+  });
+  ReopenOutputs(fresh, applied);
+  m_services->metricsWriter->RequestWrite();
+  const bool engineTakesDelay = static_cast<bool>(m_services->clamav);
+  if (engineTakesDelay) {
+    // Limits, the checker and the unscanned policy follow the settings too; applying them
+    // again is harmless, and the signature reload builds the engine they take effect on.
     m_services->clamav->ApplyOptions(fresh);
+    apply("engine_delay_ms", fresh.engineDelayMs != m_options.engineDelayMs,
+          [&] { m_options.engineDelayMs = fresh.engineDelayMs; });
+    apply("unscanned_action", fresh.denyUnscanned != m_options.denyUnscanned,
+          [&] { m_options.denyUnscanned = fresh.denyUnscanned; });
     m_services->clamav->ReloadSignatures();
   }
-  m_services->permissions->SetDeadlineAction(fresh.denyAtDeadline);
-  m_services->applications->Reload(fresh.applications);
-  m_services->taskManager->ReplaceSettings(fresh.settings);
-  QEB_TRACE(tracer, trace::LevelNotice) << "oasd: configuration reloaded";
+  apply("deadline_action", fresh.denyAtDeadline != m_options.denyAtDeadline, [&] {
+    m_services->permissions->SetDeadlineAction(fresh.denyAtDeadline);
+    m_options.denyAtDeadline = fresh.denyAtDeadline;
+  });
+  apply("stop_timeout_ms", fresh.stopTimeoutMs != m_options.stopTimeoutMs,
+        [&] { m_options.stopTimeoutMs = fresh.stopTimeoutMs; });
+  apply("applications", fresh.applications != m_options.applications, [&] {
+    m_services->applications->Reload(fresh.applications);
+    m_options.applications = fresh.applications;
+  });
+  apply("watch", fresh.watchPaths != m_options.watchPaths, [] {});
+  apply("settings", !(fresh.settings == m_options.settings), [&] {
+    m_services->taskManager->ReplaceSettings(fresh.settings);
+    m_options.watchPaths = fresh.watchPaths;
+    m_options.settings = fresh.settings;
+  });
+  for (const auto& [key, changed] : RestartKeys(m_options, fresh, engineTakesDelay)) {
+    if (!changed) continue;
+    QEB_TRACE(tracer, trace::LevelNotice)
+        << "oasd: configuration key \"" << key << "\" changed; it takes effect at the next start";
+  }
+  if (applied.empty()) {
+    QEB_TRACE(tracer, trace::LevelNotice) << "oasd: output files reopened; no configuration change applied";
+  } else {
+    QEB_TRACE(tracer, trace::LevelNotice) << "oasd: configuration reloaded: " << Joined(applied);
+  }
+}
+
+// Opened again even at an unchanged path: that is what a rotated file needs. A file that
+// cannot be opened leaves the current one in place.
+void Daemon::ReopenOutputs(const HostOptions& fresh, std::vector<std::string>& applied) {
+  const auto& tracer = m_services->tracer;
+  if (const std::string error = tracer->OpenLogFile(fresh.logFile); !error.empty()) {
+    QEB_TRACE(tracer, trace::LevelError) << "oasd: keeping the current log: " << error;
+  } else if (fresh.logFile != m_options.logFile) {
+    applied.push_back("log_file");
+    m_options.logFile = fresh.logFile;
+  }
+  if (const std::string error = m_services->eventLog->Open(fresh.eventsFile); !error.empty()) {
+    QEB_TRACE(tracer, trace::LevelError) << "oasd: keeping the current events file: " << error;
+  } else if (fresh.eventsFile != m_options.eventsFile) {
+    applied.push_back("events_file");
+    m_options.eventsFile = fresh.eventsFile;
+  }
 }
 
 namespace {
@@ -228,13 +316,18 @@ objptr_t<qeb::ITracer> TracerOf(const Services& s) { return objptr_t<qeb::ITrace
 // Tracer, events file and metrics first: everything after them reports through them.
 void SetUpReporting(Services& s, const HostOptions& options, HostMetrics& metrics) {
   s.tracer = MakeHostObject<HostTracer>(options.logLevel);
-  if (!options.logFile.empty())
-    Require(s.tracer->OpenLogFile(options.logFile), "cannot open the log file " + options.logFile);
-  s.eventLog = MakeHostObject<EventLog>(TracerOf(s), metrics, options.eventsFile);
-  Require(s.eventLog->SetUp(), "cannot open the events file " + options.eventsFile);
+  if (const std::string error = s.tracer->OpenLogFile(options.logFile); !error.empty())
+    throw std::runtime_error("cannot open the log file: " + error);
+  s.eventLog = MakeHostObject<EventLog>(TracerOf(s), metrics);
+  if (const std::string error = s.eventLog->Open(options.eventsFile); !error.empty())
+    throw std::runtime_error("cannot open the events file: " + error);
   s.metricsHub = MakeHostObject<MetricsHub>();
   s.metricsWriter = std::make_unique<MetricsWriter>(
       TracerOf(s), s.metricsHub, metrics, options.metricsFile, options.metricsIntervalS);
+  // A first page now, so a metrics file oasd may not write stops the start.
+  if (options.metricsFile.empty()) return;
+  if (const std::string error = s.metricsWriter->WriteOnce(); !error.empty())
+    throw std::runtime_error("cannot write the metrics file: " + error);
 }
 
 void SetUpFiles(Services& s) {
@@ -371,6 +464,8 @@ void Daemon::StartProtection() {
 
 void Daemon::CreateInterceptor() {
   const std::string path = FindModule(m_options);
+  if (const std::string fault = UntrustedFile(path); !fault.empty())
+    throw std::runtime_error("refusing to load the module: " + fault);
   m_module.Load(path);
   objptr_t<qeb::IObject> object;
   Require(m_module.CreateObject(qeb::CLSID_FileInterceptor, m_services->locator, object.Ref()),

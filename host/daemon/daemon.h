@@ -8,6 +8,8 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "framework/qeb/objptr.h"
 #include "host/common/host_metrics.h"
@@ -51,6 +53,7 @@ class Daemon {
   void OnSignal(int signal);
   void OnWake();
   void Reload();
+  void ReopenOutputs(const HostOptions& fresh, std::vector<std::string>& applied);
   void PushSettings();
   void Stop() noexcept;
   void ReleaseModule() noexcept;

@@ -7,6 +7,7 @@
 
 #include "host/daemon/config.h"
 #include "host/daemon/daemon.h"
+#include "host/daemon/preflight.h"
 
 namespace {
 
@@ -40,6 +41,12 @@ int main(int argc, char** argv) {
     return 0;
   }
   if (commandLine.mode == oasd::CommandLine::CheckConfig) {
+    try {
+      oasd::CheckRunNeeds(commandLine.options);
+    } catch (const std::exception& error) {
+      std::cerr << "oasd: " << error.what() << '\n';
+      return 2;
+    }
     std::cout << "config OK" << std::endl;
     return 0;
   }

@@ -32,7 +32,6 @@ namespace res = qeb::res;
 constexpr uint32_t kGroupProcess = 8;
 constexpr uint32_t kTypeClose = 18;
 constexpr uint32_t kTypeRename = 6;
-constexpr uint32_t kUnknownUid = 0xFFFFFFFF;
 // libclamav marks names from databases it did not sign itself; the set oasd ships is its own.
 constexpr std::string_view kUnofficialSuffix = ".UNOFFICIAL";
 
@@ -87,18 +86,18 @@ std::string OperationName(const vrel::EventHeader& header) {
 }
 
 // The real uid of the process behind the event, from /proc; unknown once it has gone.
-uint32_t ProcessUid(int32_t pid) {
-  if (pid <= 0) return kUnknownUid;
+std::optional<uint32_t> ProcessUid(int32_t pid) {
+  if (pid <= 0) return std::nullopt;
   std::ifstream status("/proc/" + std::to_string(pid) + "/status");
   std::string line;
   while (std::getline(status, line)) {
     if (!line.starts_with("Uid:")) continue;
     std::istringstream fields(line.substr(4));
-    uint32_t uid = kUnknownUid;
+    uint32_t uid = 0;
     fields >> uid;
-    return fields ? uid : kUnknownUid;
+    return fields ? std::optional(uid) : std::nullopt;
   }
-  return kUnknownUid;
+  return std::nullopt;
 }
 
 // The names one scan reported, through the engine's virus-found callback: libclamav 1.x
@@ -397,13 +396,14 @@ qeb::result_t ClamavEngine::Answer(vrel::IEvent085* event, const ScanOutcome& ou
 void ClamavEngine::ReportDetection(vrel::IEvent085* event, const std::string& threat) {
   vrel::EventHeader header{};
   event->GetEventHeader(header);
-  DetectionRecord record{EventPath(event), threat, static_cast<uint32_t>(header.processId),
-                         ProcessUid(header.processId), OperationName(header)};
+  DetectionRecord record{EventPath(event), threat, std::nullopt, ProcessUid(header.processId),
+                         OperationName(header)};
+  if (header.processId > 0) record.pid = static_cast<uint32_t>(header.processId);
   // The verdict follows at once and the deadline now waits for it, so "late" says exactly
   // whether the opener was still waiting for this answer.
   record.late = m_expectVerdict && !m_expectVerdict(EventDescriptor(event));
   QEB_TRACE(m_tracer, LevelNotice) << "engine: detected " << threat << " in " << record.path << " ("
-                                   << record.operation << " by pid " << record.pid << ")"
+                                   << record.operation << " by pid " << header.processId << ")"
                                    << (record.late ? ", after the open was answered" : "");
   if (!m_onDetection) return;
   try {
@@ -420,10 +420,11 @@ void ClamavEngine::ReportUnprocessed(vrel::IEvent085* event, const ScanOutcome& 
   UnprocessedRecord record{EventPath(event),
                            ReasonName(outcome.reason),
                            outcome.threat,
-                           static_cast<uint32_t>(header.processId),
+                           std::nullopt,
                            ProcessUid(header.processId),
                            OperationName(header),
                            denied};
+  if (header.processId > 0) record.pid = static_cast<uint32_t>(header.processId);
   const auto level = outcome.reason == UnscannedReason::ScanError ? LevelError : LevelNotice;
   QEB_TRACE(m_tracer, level) << "engine: not scanned whole (" << record.reason << ": "
                              << record.detail << "), " << (denied ? "denied" : "allowed") << ": "

@@ -3,7 +3,6 @@
 // disk, a vanished file system) costs the record, never the caller's operation.
 #include "host/reporting/event_log.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -11,6 +10,7 @@
 #include <nlohmann/json.hpp>
 
 #include "framework/qeb/utf.h"
+#include "host/reporting/output_file.h"
 #include "host/reporting/tracer.h"
 #include "nox_tracing/tracing.h"
 
@@ -77,48 +77,47 @@ std::string ProcessingErrorLine(const nox::ProcessingErrorEvent& event,
 }
 
 std::string DetectionLine(const DetectionRecord& record, std::chrono::system_clock::time_point now) {
-  const json line = {
-      {"type", "detection"},        {"time", FormatUtcTime(now)}, {"path", record.path},
-      {"threat", record.threat},    {"pid", record.pid},          {"uid", record.uid},
-      {"operation", record.operation}, {"late", record.late},
+  json line = {
+      {"type", "detection"},     {"time", FormatUtcTime(now)}, {"path", record.path},
+      {"threat", record.threat}, {"operation", record.operation}, {"late", record.late},
   };
+  if (record.pid) line["pid"] = *record.pid;
+  if (record.uid) line["uid"] = *record.uid;
   return ToLine(line);
 }
 
 std::string UnprocessedLine(const UnprocessedRecord& record,
                             std::chrono::system_clock::time_point now) {
-  const json line = {
-      {"type", "unprocessed"},      {"time", FormatUtcTime(now)},   {"path", record.path},
-      {"reason", record.reason},    {"detail", record.detail},      {"pid", record.pid},
-      {"uid", record.uid},          {"operation", record.operation},
+  json line = {
+      {"type", "unprocessed"},   {"time", FormatUtcTime(now)},   {"path", record.path},
+      {"reason", record.reason}, {"detail", record.detail},      {"operation", record.operation},
       {"action", record.denied ? "deny" : "allow"},
   };
+  if (record.pid) line["pid"] = *record.pid;
+  if (record.uid) line["uid"] = *record.uid;
   return ToLine(line);
 }
 
-EventLog::EventLog(qeb::objptr_t<qeb::ITracer> tracer, HostMetrics& metrics, std::string path)
-    : m_tracer(std::move(tracer)), m_metrics(metrics), m_path(std::move(path)) {}
+EventLog::EventLog(qeb::objptr_t<qeb::ITracer> tracer, HostMetrics& metrics)
+    : m_tracer(std::move(tracer)), m_metrics(metrics) {}
 
 EventLog::~EventLog() { TearDown(); }
 
-qeb::result_t EventLog::SetUp() {
-  if (m_path.empty()) return qeb::res::Ok;
-  const int fd = ::open(m_path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0640);
-  if (fd < 0) {
-    const int error = errno;
-    QEB_TRACE(m_tracer, qeb::trace::LevelError)
-        << "Cannot open the events file " << m_path << ": " << std::strerror(error);
-    return qeb::res::ErrnoFacilityBase + error;
-  }
+std::string EventLog::Open(const std::string& path) {
+  std::string error;
+  UniqueFd file;
+  if (!path.empty() && !(file = OpenAppendFile(path, error)).Valid()) return error;
+  std::string oldPath = path;
   std::lock_guard lock(m_mutex);
-  m_fd = fd;
-  return qeb::res::Ok;
+  std::swap(m_file, file);  // the old file and path go outside the lock
+  std::swap(m_path, oldPath);
+  return {};
 }
 
 void EventLog::TearDown() noexcept {
+  UniqueFd file;
   std::lock_guard lock(m_mutex);
-  if (m_fd >= 0) ::close(m_fd);
-  m_fd = -1;
+  std::swap(m_file, file);
 }
 
 qeb::result_t EventLog::Publish(nox::ProcessingErrorEvent&& event) noexcept {
@@ -153,8 +152,8 @@ void EventLog::Append(const std::string& line) noexcept {
   int error = 0;
   {
     std::lock_guard lock(m_mutex);
-    if (m_fd < 0) return;
-    error = WriteWholeLine(m_fd, line);
+    if (!m_file.Valid()) return;
+    error = WriteWholeLine(m_file.Get(), line);
   }
   NoteWriteResult(error == 0, error);
 }
@@ -164,18 +163,23 @@ void EventLog::Append(const std::string& line) noexcept {
 void EventLog::NoteWriteResult(bool ok, int error) noexcept {
   if (!ok) m_writeFailures.fetch_add(1, std::memory_order_relaxed);
   bool changed = false;
+  std::string path;
   {
     std::lock_guard lock(m_mutex);
     changed = m_failing == ok;
     m_failing = !ok;
+    try {
+      if (changed) path = m_path;
+    } catch (...) {  // the line then names no path
+    }
   }
   if (!changed) return;
   if (ok) {
-    QEB_TRACE(m_tracer, qeb::trace::LevelNotice) << "Writing the events file " << m_path
+    QEB_TRACE(m_tracer, qeb::trace::LevelNotice) << "Writing the events file " << path
                                                  << " works again";
   } else {
     QEB_TRACE(m_tracer, qeb::trace::LevelError)
-        << "Cannot write the events file " << m_path << ": " << std::strerror(error)
+        << "Cannot write the events file " << path << ": " << std::strerror(error)
         << "; records are dropped until writing works again";
   }
 }

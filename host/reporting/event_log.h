@@ -2,28 +2,32 @@
 // reports, one JSON object per line. It owns the events descriptor and its write-failure
 // count; callers hand records over by value or reference and keep nothing shared with it.
 // Without an events file it still counts what passes through, it only writes nothing.
+// The file is opened as output_file.h says, and reopened on request for log rotation.
 #pragma once
 
 #include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "framework/qeb/host_object.h"
 #include "framework/qeb/objptr.h"
 #include "host/common/host_metrics.h"
+#include "host/common/unique_fd.h"
 #include "interfaces/nox/event_publisher.h"
 #include "interfaces/qeb/tracer.h"
 
 namespace oasd {
 
-// What the engine reports about a file it refused.
+// What the engine reports about a file it refused; what is not known (the uid of a process
+// that has exited) is absent, and left out of the line.
 struct DetectionRecord {
   std::string path;
   std::string threat;
-  uint32_t pid = 0;
-  uint32_t uid = 0;
+  std::optional<uint32_t> pid;
+  std::optional<uint32_t> uid;
   std::string operation;
   bool late = false;  // found after the open was already answered (the deadline, a stop)
 };
@@ -33,8 +37,8 @@ struct UnprocessedRecord {
   std::string path;
   std::string reason;  // one of HostMetrics::UnprocessedReasons
   std::string detail;  // what stopped the scan, in the engine's words
-  uint32_t pid = 0;
-  uint32_t uid = 0;
+  std::optional<uint32_t> pid;
+  std::optional<uint32_t> uid;
   std::string operation;
   bool denied = false;  // the unscanned policy's answer
 };
@@ -49,11 +53,13 @@ std::string UnprocessedLine(const UnprocessedRecord& record,
 
 class EventLog : public qeb::object::Ifaces<nox::IEventPublisher> {
  public:
-  EventLog(qeb::objptr_t<qeb::ITracer> tracer, HostMetrics& metrics, std::string path);
+  EventLog(qeb::objptr_t<qeb::ITracer> tracer, HostMetrics& metrics);
   ~EventLog();
 
-  // Opens the events file for appending; an empty path means no file.
-  qeb::result_t SetUp();
+  // Appends to path from now on; an empty path means no file. Called again with the same
+  // path it reopens the file (log rotation). On failure the current file stays and the
+  // answer says why, naming the path.
+  std::string Open(const std::string& path);
   void TearDown() noexcept;
 
   qeb::result_t Publish(nox::ProcessingErrorEvent&& event) noexcept override;
@@ -69,9 +75,9 @@ class EventLog : public qeb::object::Ifaces<nox::IEventPublisher> {
 
   qeb::objptr_t<qeb::ITracer> m_tracer;
   HostMetrics& m_metrics;
-  const std::string m_path;
   std::mutex m_mutex;
-  int m_fd = -1;
+  std::string m_path;  // under m_mutex, with the file
+  UniqueFd m_file;
   bool m_failing = false;  // under m_mutex: a failure streak is traced once, and its end
   std::atomic<uint64_t> m_writeFailures{0};
 };

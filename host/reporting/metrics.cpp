@@ -1,11 +1,8 @@
 // The hub never calls a collector under its own lock, and Unregister waits out a running
 // Collect unless the collector itself is the caller. The writer renders the page outside
 // every lock but its own and replaces the metrics file with a rename, so a reader never
-// sees half a page.
+// sees half a page; a new file each time, so log rotation has nothing to reopen.
 #include "host/reporting/metrics.h"
-
-#include <fcntl.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -14,6 +11,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "host/reporting/output_file.h"
 #include "nox_tracing/tracing.h"
 
 namespace oasd {
@@ -100,21 +98,6 @@ void AppendHostMetrics(std::string& page, const HostMetrics& host) {
   AppendValue(page, "oasd_pending_events", "Permission events waiting for a verdict", "gauge",
               host.pending.load(std::memory_order_relaxed));
   AppendLatency(page, host);
-}
-
-int WriteFile(const std::string& path, const std::string& text) {
-  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0) return errno;
-  size_t done = 0;
-  int error = 0;
-  while (done < text.size() && error == 0) {
-    const ssize_t n = ::write(fd, text.data() + done, text.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) error = n < 0 ? errno : EIO;
-    else done += static_cast<size_t>(n);
-  }
-  if (::close(fd) != 0 && error == 0) error = errno;
-  return error;
 }
 
 }  // namespace
@@ -287,18 +270,14 @@ void MetricsWriter::Loop() {
   }
 }
 
-bool MetricsWriter::WriteOnce() {
-  if (m_path.empty()) return false;
+std::string MetricsWriter::WriteOnce() {
+  if (m_path.empty()) return "no metrics file";
   std::lock_guard lock(m_writeMutex);
-  const std::string page = RenderMetrics(m_hub->Gather(), m_host);
-  const std::string temp = m_path + ".tmp";
-  int error = WriteFile(temp, page);
-  if (error == 0 && ::rename(temp.c_str(), m_path.c_str()) != 0) error = errno;
-  if (error == 0) return true;
-  ::unlink(temp.c_str());
-  QEB_TRACE(m_tracer, qeb::trace::LevelError)
-      << "Cannot write the metrics file " << m_path << ": " << std::strerror(error);
-  return false;
+  const std::string error = ReplaceFile(m_path, RenderMetrics(m_hub->Gather(), m_host), 0644);
+  if (!error.empty()) {
+    QEB_TRACE(m_tracer, qeb::trace::LevelError) << "Cannot write the metrics file: " << error;
+  }
+  return error;
 }
 
 }  // namespace oasd

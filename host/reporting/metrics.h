@@ -106,8 +106,9 @@ class MetricsWriter {
   // Asks the thread for a page now (SIGUSR1); returns at once.
   void RequestWrite();
   void TearDown() noexcept;
-  // Writes one page synchronously: temp file, then rename over the metrics file.
-  bool WriteOnce();
+  // Writes one page synchronously (output_file.h's ReplaceFile, mode 0644 so that an
+  // unprivileged scraper may read it); answers why it could not, naming the path.
+  std::string WriteOnce();
 
  private:
   void Loop();

@@ -3,11 +3,13 @@
 // be reported and is dropped.
 #include "host/reporting/tracer.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <ctime>
+
+#include "host/reporting/log_text.h"
+#include "host/reporting/output_file.h"
 
 namespace oasd {
 namespace {
@@ -48,17 +50,13 @@ const char* LevelName(uint32_t level) noexcept {
 
 HostTracer::HostTracer(uint32_t ceiling) : m_ceiling(ceiling) {}
 
-HostTracer::~HostTracer() {
-  if (m_fd != 2) ::close(m_fd);
-}
-
-qeb::result_t HostTracer::OpenLogFile(const std::string& path) {
-  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0640);
-  if (fd < 0) return qeb::res::ErrnoFacilityBase + errno;
+std::string HostTracer::OpenLogFile(const std::string& path) {
+  std::string error;
+  UniqueFd file;
+  if (!path.empty() && !(file = OpenAppendFile(path, error)).Valid()) return error;
   std::lock_guard lock(m_writeMutex);
-  if (m_fd != 2) ::close(m_fd);
-  m_fd = fd;
-  return qeb::res::Ok;
+  std::swap(m_file, file);  // the old file is closed outside the lock
+  return {};
 }
 
 qeb::result_t HostTracer::CreateRecord(uint32_t level, qeb::ITraceRecord** record) noexcept {
@@ -82,7 +80,7 @@ qeb::result_t HostTracer::CommitRecord(qeb::ITraceRecord* record, const char* te
     line += ' ';
     line += LevelName(level);
     line += ' ';
-    line.append(text, length);
+    line += EscapeLogText(std::string_view(text, length));
     line += '\n';
     WriteLine(line);
     return qeb::res::Ok;
@@ -95,7 +93,7 @@ void HostTracer::WriteLine(const std::string& line) noexcept {
   std::lock_guard lock(m_writeMutex);
   size_t done = 0;
   while (done < line.size()) {
-    const ssize_t n = ::write(m_fd, line.data() + done, line.size() - done);
+    const ssize_t n = ::write(m_file.Valid() ? m_file.Get() : 2, line.data() + done, line.size() - done);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) return;
     done += static_cast<size_t>(n);

@@ -1,7 +1,7 @@
 // oasd's tracer: the ITracer the module and every host service write through. It owns
 // the log descriptor (stderr unless a log file is given) and the level ceiling; lines are
-// formatted into records the caller owns and written whole, one write per line, so lines
-// from different threads never interleave.
+// formatted into records the caller owns, escaped (log_text.h) and written whole, one write
+// per line, so lines from different threads never interleave and no text can add a line.
 #pragma once
 
 #include <atomic>
@@ -11,6 +11,7 @@
 #include <string>
 
 #include "framework/qeb/host_object.h"
+#include "host/common/unique_fd.h"
 #include "interfaces/qeb/tracer.h"
 
 namespace oasd {
@@ -24,10 +25,11 @@ class HostTracer : public qeb::object::Ifaces<qeb::ITracer> {
  public:
   // Lines above ceiling are not produced at all; the writer starts on stderr.
   explicit HostTracer(uint32_t ceiling);
-  ~HostTracer();
 
-  // Appends to path from now on; on failure the tracer stays where it was.
-  qeb::result_t OpenLogFile(const std::string& path);
+  // Appends to path from now on (opened as output_file.h says; an empty path means stderr).
+  // Called again with the same path it reopens the file, as log rotation needs. On failure
+  // the tracer stays where it was and the answer says why, naming the path.
+  std::string OpenLogFile(const std::string& path);
   // A SIGHUP may bring a new level; lines in flight keep the level they were asked at.
   void SetCeiling(uint32_t ceiling) noexcept { m_ceiling = ceiling; }
 
@@ -40,7 +42,7 @@ class HostTracer : public qeb::object::Ifaces<qeb::ITracer> {
 
   std::atomic<uint32_t> m_ceiling;
   std::mutex m_writeMutex;
-  int m_fd = 2;  // stderr until a log file is opened; never closed when it is stderr
+  UniqueFd m_file;  // the log file; stderr while it is not valid
 };
 
 }  // namespace oasd

@@ -125,18 +125,8 @@ TEST(OasdEndToEnd, BadConfigExitsTwoNamingTheKey) {
   char dir[] = "/tmp/oasd-e2e-config-XXXXXX";
   ASSERT_NE(::mkdtemp(dir), nullptr);
   const std::string config = std::string(dir) + "/oasd.json", out = std::string(dir) + "/out";
-  const auto run = [&](const std::vector<std::string>& args) {
-    return InChild([&] {
-      const int fd = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-      ::dup2(fd, STDOUT_FILENO);
-      ::dup2(fd, STDERR_FILENO);
-      std::vector<char*> argv{const_cast<char*>(OASD_BINARY)};
-      for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-      argv.push_back(nullptr);
-      ::execv(OASD_BINARY, argv.data());
-      return 127;
-    });
-  };
+  std::string output;
+  const auto run = [&](const std::vector<std::string>& args) { return RunOasdToEnd(out, args, output); };
   const std::string missing = R"("watch": ["/nonexistent/oasd-e2e"])";
   const struct {
     std::string config, message;
@@ -151,7 +141,6 @@ TEST(OasdEndToEnd, BadConfigExitsTwoNamingTheKey) {
     WriteFile(config, c.config);
     for (const char* mode : {"--config", "--check-config"}) {
       const Exit exit = run({mode, config});
-      const std::string output = ReadFile(out);
       EXPECT_TRUE(exit.Is(2)) << mode << " " << c.config << ": " << exit.Text(false);
       EXPECT_NE(output.find(c.message), std::string::npos) << c.config << "\n  printed: " << output;
       EXPECT_EQ(output.find("oasd: ready"), std::string::npos) << output;
@@ -159,7 +148,7 @@ TEST(OasdEndToEnd, BadConfigExitsTwoNamingTheKey) {
   }
   const Exit help = run({"--help"});
   EXPECT_TRUE(help.Is(0)) << help.Text(false);
-  EXPECT_NE(ReadFile(out).find("--check-config"), std::string::npos);
+  EXPECT_NE(output.find("--check-config"), std::string::npos);
   std::filesystem::remove_all(dir);
 }
 

@@ -297,7 +297,7 @@ TEST(OasdFaults, OpenFloodBeyondThePoolIsAnsweredInBoundedMemory) {
         WriteFile(paths[p].back(), Binary(std::to_string(p * kThreadsEach + t)));
       }
     // Four scans a second at most: the queue stays full for the whole drill.
-    if (!s.StartOasd(R"("engine": "clamav", "engine_delay_ms": 1000, "verdict_timeout_ms": 60000,)"
+    if (!s.StartOasd(R"("engine": "clamav", "engine_delay_ms": 1000, "verdict_timeout_ms": 3000,)"
                      R"( "permission_deadline_ms": 3000)"))
       return;
     const Memory before = MemoryOf(s.Oasd());

@@ -190,6 +190,24 @@ inline std::optional<uint64_t> StatusKb(pid_t pid, const std::string& field) {
   return std::nullopt;
 }
 
+// oasd with these arguments, for a run expected to end by itself (a check, a refused start);
+// its stdout and stderr together land in outputPath and in `output`.
+inline Exit RunOasdToEnd(const std::string& outputPath, const std::vector<std::string>& args,
+                         std::string& output) {
+  const Exit exit = InChild([&] {
+    const int fd = ::open(outputPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    ::dup2(fd, STDOUT_FILENO);
+    ::dup2(fd, STDERR_FILENO);
+    std::vector<char*> argv{const_cast<char*>(OASD_BINARY)};
+    for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    ::execv(OASD_BINARY, argv.data());
+    return 127;
+  }, kReadyLimit);
+  output = ReadFile(outputPath);
+  return exit;
+}
+
 inline std::optional<uint64_t> MetricValue(const std::string& page, const std::string& name) {
   std::istringstream lines(page);
   for (std::string line; std::getline(lines, line);)
@@ -247,9 +265,28 @@ class Sandbox {
     WriteAll(STDOUT_FILENO, line);
   }
 
-  bool StartOasd(const std::string& extraConfig) {
+  // The sandbox's config (watched tmpfs, events and metrics files in its state directory)
+  // with extra's keys laid over it.
+  std::string ConfigText(const std::string& extra) const {
+    nlohmann::json config = {{"watch", nlohmann::json::array({Watched("")})},
+                             {"events_file", m_eventsFile},
+                             {"metrics_file", State("metrics.prom")},
+                             {"metrics_interval_s", 3600},
+                             {"log_level", "notice"}};
+    config.update(nlohmann::json::parse("{" + extra + "}"));
+    return config.dump();
+  }
+
+  // The sandbox's config with extraConfig's keys laid over its own; answers its path.
+  std::string WriteConfig(const std::string& extraConfig) const {
     const std::string config = State("oasd.json");
     WriteFile(config, ConfigText(extraConfig));
+    return config;
+  }
+
+  bool StartOasd(const std::string& extraConfig) { return StartOasdWith(WriteConfig(extraConfig)); }
+
+  bool StartOasdWith(const std::string& config) {
     const std::string errorLog = State("stderr.txt");
     int out[2];
     if (::pipe2(out, O_CLOEXEC) != 0) return Fail(Errno("pipe2"));
@@ -341,13 +378,6 @@ class Sandbox {
     return false;
   }
 
-  std::string ConfigText(const std::string& extra) const {
-    std::string text = R"({"watch": [")" + Watched("") + R"("], "events_file": ")" +
-                       m_eventsFile + R"(", "metrics_file": ")" + State("metrics.prom") +
-                       R"(", "metrics_interval_s": 3600, "log_level": "notice")";
-    if (!extra.empty()) text += ", " + extra;
-    return text + "}";
-  }
 
   std::string m_base;
   std::string m_eventsFile;

@@ -222,7 +222,7 @@ TEST(OasdReach, StuckFuseServersUnderTheWatchedPathHoldOnlyTheirOwnOpens) {
       ::mkdir(dir.c_str(), 0755);
       if (const std::string error = (*server)->Mount(dir); !error.empty()) return s.Expect(false, error);
     }
-    if (!s.StartOasd(R"("engine": "clamav", "permission_deadline_ms": 2000)")) return;
+    if (!s.StartOasd(R"("engine": "clamav", "permission_deadline_ms": 2000, "verdict_timeout_ms": 2000)")) return;
 
     const pid_t heldOpener = Spawn([&] { return OpenAndRead(noOpen + "/file"); });
     s.Expect(WaitUntil([&] { return openStuck->Held() > 0; }, kEventLimit),

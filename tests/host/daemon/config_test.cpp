@@ -76,6 +76,16 @@ TEST(HostConfig, EveryBadInputNamesItsKey) {
       {R"("settings": {"ScanScopeWithTrustedPrograms": {"scan_scope": [{"path": "/", "use_scan_area": false}]}})",
        R"(config key "watch": nothing to watch)"},
       {ok + ",", "malformed JSON"},
+      // A key given twice would quietly mean the last one.
+      {ok + R"(, "engine": "none", "engine": "clamav")", R"(config key "engine": duplicate key)"},
+      {ok + R"(, "settings": {"ScanScopeWithTrustedPrograms": {"scan_scope": [{"path": "/"}, {"path": "/", "area_mask": [{}], "path": "/x"}]}})",
+       R"("settings.ScanScopeWithTrustedPrograms.scan_scope[1].path": duplicate key)"},
+      // Values that would switch protection off without saying so.
+      {ok + R"(, "permission_deadline_ms": 0)", R"("permission_deadline_ms": 0 would let every open through)"},
+      {ok + R"(, "verdict_timeout_ms": 0)", R"("verdict_timeout_ms": expected at least 1)"},
+      {ok + R"(, "verdict_timeout_ms": 40000, "permission_deadline_ms": 30000)",
+       R"("verdict_timeout_ms": 40000 is longer than permission_deadline_ms (30000))"},
+      {ok + R"(, "stop_timeout_ms": 0)", R"("stop_timeout_ms": expected at least 1)"},
   };
   for (const auto& c : cases) {
     const std::string message = ErrorOf(dir.Write("oasd.json", "{" + c.body + "}"));
@@ -166,12 +176,13 @@ TEST(HostConfig, CommandLineOverridesTheFileAndNamesBadOptions) {
   const std::string config = dir.Write("oasd.json", R"({"watch": [")" + dir.Path() +
                                                         R"("], "engine": "clamav", "log_level": 300})");
   const CommandLine line = Parse({"--config", config, "--engine", "none", "--log-level", "800",
-                                  "--events-file", "/ev", "--watch", "/", "--metrics-file", "/me"});
+                                  "--events-file", "/ev", "--watch", "/", "--metrics-file", "/me",
+                                  "--log-file", "/lo"});
   EXPECT_EQ(line.mode, CommandLine::Run);
   EXPECT_EQ(line.configPath, config);
   EXPECT_EQ(line.options.engine, oasd::EngineKind::None);
   EXPECT_EQ(line.options.logLevel, 800u);
-  EXPECT_EQ(line.options.eventsFile + line.options.metricsFile, "/ev/me");
+  EXPECT_EQ(line.options.eventsFile + line.options.metricsFile + line.options.logFile, "/ev/me/lo");
   EXPECT_EQ(line.options.watchPaths.size(), 2u);
 
   EXPECT_EQ(Parse({"--check-config", config}).mode, CommandLine::CheckConfig);
@@ -189,7 +200,7 @@ TEST(HostConfig, CommandLineOverridesTheFileAndNamesBadOptions) {
             std::string::npos);
   const std::string usage = oasd::UsageText();
   for (const char* option : {"--watch", "--config", "--check-config", "--engine", "--log-level",
-                             "--events-file", "--metrics-file", "--help"})
+                             "--log-file", "--events-file", "--metrics-file", "--help"})
     EXPECT_NE(usage.find(option), std::string::npos) << option;
 }
 
