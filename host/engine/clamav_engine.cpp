@@ -115,14 +115,16 @@ std::string SignatureDirFor(const HostOptions& options) {
 }
 
 ClamavEngine::ClamavEngine(qeb::objptr_t<qeb::ITracer> tracer, HostMetrics& metrics,
-                           const HostOptions& options, DetectionCallback onDetection)
+                           const HostOptions& options, DetectionCallback onDetection,
+                           std::shared_ptr<const WrittenFiles> writes)
     : m_tracer(std::move(tracer)),
       m_metrics(metrics),
       m_signatureDir(SignatureDirFor(options)),
       m_onDetection(std::move(onDetection)),
       m_useChecker(options.settings.ScanSettings.ScanSettingsBase.use_ichecker),
       m_delayMs(options.engineDelayMs),
-      m_checked(options.checkedCacheEntries) {}
+      m_checked(options.checkedCacheEntries),
+      m_writes(writes ? std::move(writes) : std::make_shared<const WrittenFiles>()) {}
 
 ClamavEngine::~ClamavEngine() { TearDown(); }
 
@@ -190,7 +192,7 @@ void ClamavEngine::ApplyOptions(const HostOptions& options) noexcept {
 ScanOutcome ClamavEngine::ScanDescriptor(int fd) {
   std::optional<CheckedKey> key;
   timespec keyReadAt{};
-  if (m_useChecker && ::clock_gettime(CLOCK_REALTIME, &keyReadAt) == 0) key = CheckedKeyOfFd(fd);
+  if (m_useChecker && ::clock_gettime(CLOCK_REALTIME, &keyReadAt) == 0) key = CheckedKeyOfFd(fd, *m_writes);
   if (key && m_checked.Contains(*key)) {
     m_metrics.checkedCacheHits.fetch_add(1, std::memory_order_relaxed);
     return ScanOutcome{ScanOutcome::Clean, {}, true};

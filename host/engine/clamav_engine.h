@@ -41,8 +41,9 @@ struct ScanOutcome {
 
 class ClamavEngine : public qeb::object::Ifaces<vrel::IEventHandler085> {
  public:
+  // writes: the files oasd saw written, whose checked-cache entries they void.
   ClamavEngine(qeb::objptr_t<qeb::ITracer> tracer, HostMetrics& metrics, const HostOptions& options,
-               DetectionCallback onDetection);
+               DetectionCallback onDetection, std::shared_ptr<const WrittenFiles> writes = nullptr);
   ~ClamavEngine();
 
   // Initialises libclamav and loads and compiles the signature directory; fails (and traces
@@ -92,6 +93,7 @@ class ClamavEngine : public qeb::object::Ifaces<vrel::IEventHandler085> {
   std::mutex m_reloadMutex;  // one reload at a time
   std::atomic<unsigned> m_signatureCount{0};
   CheckedCache m_checked;
+  const std::shared_ptr<const WrittenFiles> m_writes;  // a private one when none is given
 };
 
 }  // namespace oasd

@@ -1,7 +1,8 @@
 // Turns a fanotify event into the record the module reads: the path behind the event's
 // descriptor, the file's identity and times, the filesystem's type, and the opener's uid,
 // mount namespace and process identity. Each reader thread owns one builder with its
-// caches (no locks); a miss reads /proc or statfs. The event's descriptor is only borrowed.
+// caches (no locks); a miss reads /proc or statfs. The event's descriptor is only borrowed,
+// and so is the written-files table, whose generation goes into the change time.
 #pragma once
 
 #include <limits.h>
@@ -14,6 +15,7 @@
 #include <unordered_map>
 
 #include "host/system/process_manager.h"
+#include "host/system/written_files.h"
 #include "interfaces/vrel/event_params.h"
 
 namespace oasd {
@@ -63,7 +65,7 @@ class EventRecordBuilder {
   // Stands for a path too long to resolve; the module recognises it by this prefix.
   static constexpr std::string_view PathTooLong = "<PATH IS TOO LONG>";
 
-  explicit EventRecordBuilder(uint64_t ownNamespace);
+  EventRecordBuilder(uint64_t ownNamespace, const WrittenFiles& writes);
 
   // The path behind fd, as oasd's namespace sees it; false when it cannot be read at all.
   bool ReadPath(int fd);
@@ -80,6 +82,7 @@ class EventRecordBuilder {
  private:
   ProcessContextCache m_processes;
   FilesystemTypeCache m_filesystems;
+  const WrittenFiles& m_writes;
   std::string m_path;
   std::array<char, PATH_MAX> m_link{};
   vrel::EventParams m_params;  // reused: the module copies what it keeps
