@@ -222,6 +222,13 @@ TEST(CheckedCacheTest, KeepsOneEntryPerFileAndEvictsTheLeastRecentlyUsed) {
   EXPECT_EQ(cache.Size(), 1u);
 }
 
+TEST(CheckedCacheTest, AWholeSecondCtimeMarksACoarseFileSystemThatSettlesLater) {
+  const CheckedKey coarse{1, 10, 100, 0, 5}, fine{1, 11, 100, 5, 5};
+  EXPECT_FALSE(oasd::ChangeSettled(coarse, timespec{101, 500'000'000}));
+  EXPECT_TRUE(oasd::ChangeSettled(coarse, timespec{102, 0}));
+  EXPECT_TRUE(oasd::ChangeSettled(fine, timespec{100, 200'000'000}));
+}
+
 TEST(CheckedCacheTest, ClearVoidsInsertsOfScansStartedBefore) {
   CheckedCache cache(4);
   const CheckedKey a{1, 10, 100, 0, 5};
