@@ -3,6 +3,7 @@
 // checked cache, and scans insert only under the cache generation they read before taking
 // the engine, so no clean result found with old signatures survives a reload.
 #include "host/engine/clamav_engine.h"
+#include "host/engine/module_cacheable.h"
 
 #include <clamav.h>
 #include <sys/stat.h>
@@ -267,7 +268,7 @@ qeb::result_t ClamavEngine::Handle(vrel::IEvent085* event) noexcept {
 qeb::result_t ClamavEngine::Answer(vrel::IEvent085* event, const ScanOutcome& outcome) {
   switch (outcome.kind) {
     case ScanOutcome::Clean:
-      event->AddReplyTargetVerdict(vrel::TargetVerdict{vrel::TARGET_VERDICT_CACHEABLE, 1});
+      AllowModuleCacheIfShortPath(event);
       return event->Reply(vrel::BasicVerdict::Allow);
     case ScanOutcome::Detected:
       ReportDetection(event, outcome.threat);

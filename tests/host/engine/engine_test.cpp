@@ -14,6 +14,7 @@
 
 #include "host/engine/checked_cache.h"
 #include "host/engine/clamav_engine.h"
+#include "host/engine/module_cacheable.h"
 #include "nox_common/container_identification_tools.h"
 #include "oas/file_interceptor_event.h"
 #include "testing/fake_host.h"
@@ -140,6 +141,13 @@ TEST_F(EngineTest, SetUpFailsOnAMissingOrEmptySignatureDirectory) {
   // Without signatures nothing is claimed clean.
   const std::string clean = dir.Write("a.txt", "a");
   EXPECT_EQ(Open(empty.Get(), clean), kAllow);
+}
+
+TEST_F(EngineTest, CleanFilesWithLongPathsAreNotLeftToTheModulesCache) {
+  auto engine = MakeEngine();
+  const Fd fd(dir.Write("clean.txt", "clean"));
+  EXPECT_EQ(Open(engine.Get(), fd.Get(), std::string(oasd::kMaxModuleCachedPath, 'p')), kAllowClean);
+  EXPECT_EQ(Open(engine.Get(), fd.Get(), std::string(oasd::kMaxModuleCachedPath + 1, 'p')), kAllow);
 }
 
 TEST_F(EngineTest, CheckedCacheAnswersUnchangedFilesAndRescansChangedOnes) {
