@@ -56,7 +56,9 @@ timeout --kill-after=10 1800 unshare -m --propagation private bash -c '
   printf "%s" "{\"watch\": [\"$work/w\"], \"engine\": \"clamav\", \"log_level\": \"error\",
     \"metrics_file\": \"$work/s/metrics.prom\", \"metrics_interval_s\": 3600}" > "$work/s/oasd.json"
   coproc OASD { exec "$oasd" --config "$work/s/oasd.json" 2>"$work/s/stderr.txt"; }
-  read -r -t 60 ready <&"${OASD[0]}" || { echo "oasd did not start:"; cat "$work/s/stderr.txt"; exit 1; }
+  if ! read -r -t 60 ready <&"${OASD[0]}"; then
+    echo "oasd did not start:"; cat "$work/s/stderr.txt"; exit 1
+  fi
   rss() { awk "/^VmRSS:/ {print \$2}" "/proc/$OASD_PID/status"; }
   before=$(rss)
   find . -type f -print0 | xargs -0 cat > /dev/null

@@ -193,7 +193,8 @@ void ClamavEngine::ApplyOptions(const HostOptions& options) noexcept {
 ScanOutcome ClamavEngine::ScanDescriptor(int fd) {
   std::optional<CheckedKey> key;
   timespec keyReadAt{};
-  if (m_useChecker && ::clock_gettime(CLOCK_REALTIME, &keyReadAt) == 0) key = CheckedKeyOfFd(fd, *m_writes);
+  if (m_useChecker && ::clock_gettime(CLOCK_REALTIME, &keyReadAt) == 0)
+    key = CheckedKeyOfFd(fd, *m_writes);
   if (key && m_checked.Contains(*key)) {
     m_metrics.checkedCacheHits.fetch_add(1, std::memory_order_relaxed);
     return ScanOutcome{ScanOutcome::Clean, {}, true};

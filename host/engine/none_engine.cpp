@@ -1,5 +1,6 @@
 // Every event is answered at once on the calling worker thread: allowed, and marked
-// cacheable so the module's own clean cache is exercised as with a real engine.
+// cacheable (short paths only) so the module's own clean cache is exercised as with a real
+// engine.
 #include "host/engine/none_engine.h"
 #include "host/engine/module_cacheable.h"
 

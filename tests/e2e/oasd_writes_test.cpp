@@ -72,8 +72,8 @@ TEST(OasdWrites, SameSecondSameSizeRewriteOnExt2IsRefusedOnTheNextOpen) {
   OASD_SCENARIO([](Sandbox& s) {
     const std::string image = s.State("ext2.img"), dir = s.Watched("ext2");
     const std::string make = "mkdir " + dir + " && truncate -s 16M " + image +
-                             " && mkfs.ext2 -q -F -I 128 " + image + " 2>/dev/null && mount -o loop " +
-                             image + " " + dir;
+                             " && mkfs.ext2 -q -F -I 128 " + image +
+                             " 2>/dev/null && mount -o loop " + image + " " + dir;
     if (std::system(make.c_str()) != 0) return s.Expect(false, "cannot make and mount " + image);
     if (!s.StartOasd(R"("engine": "clamav")")) return;
     // A second that turns in the middle leaves nothing to show: try again.

@@ -146,8 +146,9 @@ TEST_F(EngineTest, SetUpFailsOnAMissingOrEmptySignatureDirectory) {
 TEST_F(EngineTest, CleanFilesWithLongPathsAreNotLeftToTheModulesCache) {
   auto engine = MakeEngine();
   const Fd fd(dir.Write("clean.txt", "clean"));
-  EXPECT_EQ(Open(engine.Get(), fd.Get(), std::string(oasd::kMaxModuleCachedPath, 'p')), kAllowClean);
-  EXPECT_EQ(Open(engine.Get(), fd.Get(), std::string(oasd::kMaxModuleCachedPath + 1, 'p')), kAllow);
+  const std::string longest(oasd::kMaxModuleCachedPath, 'p');
+  EXPECT_EQ(Open(engine.Get(), fd.Get(), longest), kAllowClean);
+  EXPECT_EQ(Open(engine.Get(), fd.Get(), longest + "p"), kAllow);
 }
 
 TEST_F(EngineTest, CheckedCacheAnswersUnchangedFilesAndRescansChangedOnes) {
