@@ -211,7 +211,7 @@ TEST_F(EngineTest, AScanRacingAReloadFinishesAndIsNotRemembered) {
   EXPECT_EQ(engine->CheckedCacheSize(), 0u);
 }
 
-TEST(CheckedCacheTest, KeepsOneEntryPerFileAndEvictsTheLeastRecentlyUsed) {
+TEST(CheckedCacheTest, KeepsOneEntryPerFileEvictsTheLeastRecentlyUsedAndSettlesCoarseTimesLater) {
   CheckedCache cache(2);
   const CheckedKey a{1, 10, 100, 0, 5};
   const CheckedKey b{1, 11, 100, 0, 5};
@@ -229,13 +229,11 @@ TEST(CheckedCacheTest, KeepsOneEntryPerFileAndEvictsTheLeastRecentlyUsed) {
   EXPECT_FALSE(cache.Contains(changed));
   EXPECT_FALSE(cache.Contains(a));  // the stale state went with the miss
   EXPECT_EQ(cache.Size(), 1u);
-}
 
-TEST(CheckedCacheTest, AWholeSecondCtimeMarksACoarseFileSystemThatSettlesLater) {
-  const CheckedKey coarse{1, 10, 100, 0, 5}, fine{1, 11, 100, 5, 5};
-  EXPECT_FALSE(oasd::ChangeSettled(coarse, timespec{101, 500'000'000}));
-  EXPECT_TRUE(oasd::ChangeSettled(coarse, timespec{102, 0}));
-  EXPECT_TRUE(oasd::ChangeSettled(fine, timespec{100, 200'000'000}));
+  // A whole-second ctime marks a file system with coarse times: it settles later.
+  EXPECT_FALSE(oasd::ChangeSettled(a, timespec{101, 500'000'000}));
+  EXPECT_TRUE(oasd::ChangeSettled(a, timespec{102, 0}));
+  EXPECT_TRUE(oasd::ChangeSettled(changed, timespec{100, 200'000'000}));
 }
 
 TEST(CheckedCacheTest, ClearVoidsInsertsOfScansStartedBefore) {
