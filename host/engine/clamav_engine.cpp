@@ -269,7 +269,7 @@ qeb::result_t ClamavEngine::Handle(vrel::IEvent085* event) noexcept {
 qeb::result_t ClamavEngine::Answer(vrel::IEvent085* event, const ScanOutcome& outcome) {
   switch (outcome.kind) {
     case ScanOutcome::Clean:
-      AllowModuleCacheIfShortPath(event);
+      AllowModuleCache(event);
       return event->Reply(vrel::BasicVerdict::Allow);
     case ScanOutcome::Detected:
       ReportDetection(event, outcome.threat);

@@ -1,6 +1,6 @@
 // oasd end to end on writes that leave a file's change time as it was: EICAR written through
 // a shared mapping over an already dirty page, and a same-size rewrite within one second on
-// ext2 with 128-byte inodes. Either must cost a cached clean file its verdict.
+// ext2 with 128-byte inodes. Neither may pass on the clean verdict the file had before.
 #include <sys/mman.h>
 
 #include <cstdlib>
@@ -76,7 +76,8 @@ TEST(OasdWrites, SameSecondSameSizeRewriteOnExt2IsRefusedOnTheNextOpen) {
       std::this_thread::sleep_for(std::chrono::nanoseconds(1'000'000'000 - now.tv_nsec) + 10ms);
       WriteFile(file, kCleanOfEicarSize);
       const int64_t written = ChangeTimeNs(file);
-      CacheAsClean(s, file);
+      const Exit clean = InChild([&] { return OpenAndRead(file); });
+      s.Expect(clean.Is(0), "opening the clean file: " + clean.Text());
       const Exit writer = InChild([&] { return CreateWith(file, kEicar); });
       if (ChangeTimeNs(file) != written) continue;
       s.Expect(writer.Is(0) && written % 1'000'000'000 == 0, "not a same-second rewrite");
