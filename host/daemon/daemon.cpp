@@ -41,6 +41,7 @@
 #include "host/system/task_manager.h"
 #include "host/system/thread_pool.h"
 #include "host/system/timer_service.h"
+#include "host/system/written_files.h"
 #include "host/reporting/tracer.h"
 #include "host/interception/verdict_notifier.h"
 #include "interfaces/qeb/module.h"
@@ -67,6 +68,8 @@ struct Services {
   objptr_t<UserInfoCache> userInfo;
   objptr_t<FileInfoCache> fileInfo;
   objptr_t<ObjectSkipChecker> skipChecker;
+  // Noted by interception, read by the engine's checked cache and the module's records.
+  std::shared_ptr<WrittenFiles> writes = std::make_shared<WrittenFiles>();
   objptr_t<ThreadPoolFactory> threadPools;
   objptr_t<TimerService> timers;
   objptr_t<FanotifyEventsProvider> fanotify;
@@ -379,7 +382,7 @@ void RegisterSystemServices(Services& s) {
 void SetUpInterception(Services& s, const HostOptions& options, HostMetrics& metrics) {
   s.fanotify = MakeHostObject<FanotifyEventsProvider>(
       TracerOf(s), metrics, objptr_t<nox::IMountProvider>(s.mounts.Get()),
-      objptr_t<nox::IMountSubscription>(s.mounts.Get()));
+      objptr_t<nox::IMountSubscription>(s.mounts.Get()), s.writes);
   Require(s.fanotify->SetUp(), "cannot set up fanotify (oasd needs root)");
   s.permissions = std::make_shared<PermissionTable>(
       s.fanotify->Responder(), metrics, std::chrono::milliseconds(options.permissionDeadlineMs));
@@ -419,7 +422,7 @@ void SetUpEngine(Services& s, const HostOptions& options, HostMetrics& metrics) 
   objptr_t<EventLog> log = s.eventLog;
   s.clamav = MakeHostObject<ClamavEngine>(
       tracer, metrics, options, [log](const DetectionRecord& record) { log->Detection(record); },
-      [log](const UnprocessedRecord& record) { log->Unprocessed(record); });
+      [log](const UnprocessedRecord& record) { log->Unprocessed(record); }, s.writes);
   // A detection's answer is announced to the deadline, so the records can tell a late one.
   s.clamav->SetExpectVerdict([table = s.permissions](int fd) { return table->ExpectVerdict(fd); });
   Require(s.clamav->SetUp(), "cannot load the signatures from " + SignatureDirFor(options));

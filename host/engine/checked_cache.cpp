@@ -9,19 +9,24 @@
 
 namespace oasd {
 
-std::optional<CheckedKey> CheckedKeyOfFd(int fd) noexcept {
+std::optional<CheckedKey> CheckedKeyOfFd(int fd, const WrittenFiles& writes) {
   struct stat st {};
   if (fd < 0 || ::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) return std::nullopt;
-  return CheckedKey{static_cast<uint64_t>(st.st_dev), static_cast<uint64_t>(st.st_ino),
+  const auto dev = static_cast<uint64_t>(st.st_dev), ino = static_cast<uint64_t>(st.st_ino);
+  return CheckedKey{dev,
+                    ino,
                     static_cast<int64_t>(st.st_ctim.tv_sec),
-                    static_cast<int64_t>(st.st_ctim.tv_nsec), static_cast<uint64_t>(st.st_size)};
+                    static_cast<int64_t>(st.st_ctim.tv_nsec),
+                    static_cast<uint64_t>(st.st_size),
+                    writes.GenerationOf(dev, ino)};
 }
 
 bool ChangeSettled(const CheckedKey& key, const timespec& keyReadAt) noexcept {
   constexpr int64_t kNs = 1'000'000'000;
   const int64_t changed = key.ctimeSec * kNs + key.ctimeNsec;
   const int64_t read = static_cast<int64_t>(keyReadAt.tv_sec) * kNs + keyReadAt.tv_nsec;
-  return read - changed >= std::chrono::nanoseconds(kChangeSettleTime).count();
+  const auto tick = key.ctimeNsec == 0 ? kCoarseChangeSettleTime : kChangeSettleTime;
+  return read - changed >= std::chrono::nanoseconds(tick).count();
 }
 
 size_t CheckedCache::IdentityHash::operator()(const FileIdentity& id) const noexcept {

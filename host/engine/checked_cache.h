@@ -1,7 +1,8 @@
 // The checked-object cache: files the engine found clean, keyed by identity (device, inode)
-// and remembered with the change time and size they had when scanned. It owns only that
-// table; the engine decides what goes in. A generation number lets a signature reload
-// void scans that were already running against the old signatures.
+// and remembered with the change time, size and write generation (written_files.h) they had
+// when scanned. It owns only that table; the engine decides what goes in. A generation
+// number lets a signature reload void scans that were already running against the old
+// signatures.
 #pragma once
 
 #include <time.h>
@@ -14,6 +15,8 @@
 #include <optional>
 #include <unordered_map>
 
+#include "host/system/written_files.h"
+
 namespace oasd {
 
 struct CheckedKey {
@@ -22,16 +25,20 @@ struct CheckedKey {
   int64_t ctimeSec = 0;
   int64_t ctimeNsec = 0;
   uint64_t size = 0;
+  uint64_t writeGeneration = 0;  // a write oasd saw voids the entry even when ctime stayed
   bool operator==(const CheckedKey&) const = default;
 };
 
 // The key of what fd refers to now; nothing when fstat fails or it is not a regular file.
-std::optional<CheckedKey> CheckedKeyOfFd(int fd) noexcept;
+std::optional<CheckedKey> CheckedKeyOfFd(int fd, const WrittenFiles& writes);
 
 // File times come from a clock that ticks coarsely, so a change made in the same tick as an
 // earlier one may leave ctime as it was. A file is remembered only when its last change is
-// at least this far behind the moment its key was read: any later change then shows.
+// at least one tick behind the moment its key was read: any later change then shows. A
+// ctime on a whole second comes from a file system that keeps seconds only (ext2/ext3 with
+// 128-byte inodes, FAT's two seconds); on others a tick is a few milliseconds.
 constexpr std::chrono::milliseconds kChangeSettleTime{100};
+constexpr std::chrono::milliseconds kCoarseChangeSettleTime{2000};
 bool ChangeSettled(const CheckedKey& key, const timespec& keyReadAt) noexcept;
 
 class CheckedCache {

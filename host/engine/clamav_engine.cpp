@@ -4,6 +4,7 @@
 // the engine, so no clean result found with old signatures survives a reload. Only a clean
 // answer for the whole file is ever cacheable: a limit or an error makes it unscanned.
 #include "host/engine/clamav_engine.h"
+#include "host/engine/module_cacheable.h"
 
 #include <clamav.h>
 #include <sys/stat.h>
@@ -169,7 +170,8 @@ std::string SignatureDirFor(const HostOptions& options) {
 
 ClamavEngine::ClamavEngine(qeb::objptr_t<qeb::ITracer> tracer, HostMetrics& metrics,
                            const HostOptions& options, DetectionCallback onDetection,
-                           UnprocessedCallback onUnprocessed)
+                           UnprocessedCallback onUnprocessed,
+                           std::shared_ptr<const WrittenFiles> writes)
     : m_tracer(std::move(tracer)),
       m_metrics(metrics),
       m_signatureDir(SignatureDirFor(options)),
@@ -179,7 +181,8 @@ ClamavEngine::ClamavEngine(qeb::objptr_t<qeb::ITracer> tracer, HostMetrics& metr
       m_denyUnscanned(options.denyUnscanned),
       m_delayMs(options.engineDelayMs),
       m_nextLimits(LimitsFor(options)),
-      m_checked(options.checkedCacheEntries) {}
+      m_checked(options.checkedCacheEntries),
+      m_writes(writes ? std::move(writes) : std::make_shared<const WrittenFiles>()) {}
 
 ClamavEngine::~ClamavEngine() { TearDown(); }
 
@@ -257,7 +260,7 @@ void ClamavEngine::ApplyOptions(const HostOptions& options) noexcept {
 ScanOutcome ClamavEngine::ScanDescriptor(int fd) {
   std::optional<CheckedKey> key;
   timespec keyReadAt{};
-  if (::clock_gettime(CLOCK_REALTIME, &keyReadAt) == 0) key = CheckedKeyOfFd(fd);
+  if (::clock_gettime(CLOCK_REALTIME, &keyReadAt) == 0) key = CheckedKeyOfFd(fd, *m_writes);
   if (key && m_useChecker && m_checked.Contains(*key)) {
     m_metrics.checkedCacheHits.fetch_add(1, std::memory_order_relaxed);
     ScanOutcome cached = Outcome(ScanOutcome::Clean);
@@ -270,7 +273,7 @@ ScanOutcome ClamavEngine::ScanDescriptor(int fd) {
   bool shared = false;
   ScanOutcome outcome = m_inFlight.Run(
       *key, [&] { return ScanAndRemember(fd, key, keyReadAt); },
-      [fd] { return CheckedKeyOfFd(fd); }, shared);
+      [this, fd] { return CheckedKeyOfFd(fd, *m_writes); }, shared);
   if (shared) m_metrics.coalescedScans.fetch_add(1, std::memory_order_relaxed);
   return outcome;
 }
@@ -380,7 +383,7 @@ qeb::result_t ClamavEngine::Handle(vrel::IEvent085* event) noexcept {
 qeb::result_t ClamavEngine::Answer(vrel::IEvent085* event, const ScanOutcome& outcome) {
   switch (outcome.kind) {
     case ScanOutcome::Clean:
-      event->AddReplyTargetVerdict(vrel::TargetVerdict{vrel::TARGET_VERDICT_CACHEABLE, 1});
+      AllowModuleCache(event);
       return event->Reply(vrel::BasicVerdict::Allow);
     case ScanOutcome::Detected:
       ReportDetection(event, outcome.threat);

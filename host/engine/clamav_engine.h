@@ -45,8 +45,10 @@ std::string SignatureDirFor(const HostOptions& options);
 
 class ClamavEngine : public qeb::object::Ifaces<vrel::IEventHandler085> {
  public:
+  // writes: the files oasd saw written, whose checked-cache entries they void.
   ClamavEngine(qeb::objptr_t<qeb::ITracer> tracer, HostMetrics& metrics, const HostOptions& options,
-               DetectionCallback onDetection, UnprocessedCallback onUnprocessed = nullptr);
+               DetectionCallback onDetection, UnprocessedCallback onUnprocessed = nullptr,
+               std::shared_ptr<const WrittenFiles> writes = nullptr);
   ~ClamavEngine();
 
   // Initialises libclamav and loads and compiles the signature directory; fails (and traces
@@ -115,6 +117,7 @@ class ClamavEngine : public qeb::object::Ifaces<vrel::IEventHandler085> {
   std::atomic<unsigned> m_signatureCount{0};
   CheckedCache m_checked;
   ScanCoalescer m_inFlight;
+  const std::shared_ptr<const WrittenFiles> m_writes;  // a private one when none is given
 };
 
 }  // namespace oasd

@@ -1,6 +1,8 @@
 // Every event is answered at once on the calling worker thread: allowed, and marked
-// cacheable so the module's own clean cache is exercised as with a real engine.
+// cacheable (settled files with short paths, module_cacheable.h) so the module's own clean
+// cache is exercised as with a real engine.
 #include "host/engine/none_engine.h"
+#include "host/engine/module_cacheable.h"
 
 #include <utility>
 
@@ -25,7 +27,7 @@ qeb::result_t NoneEngine::AllowClean(vrel::IEvent085* event) noexcept {
   if (!event) return qeb::res::InvalidArgument;
   m_metrics.scans.fetch_add(1, std::memory_order_relaxed);
   m_metrics.RecordScanLatency(0);
-  event->AddReplyTargetVerdict(vrel::TargetVerdict{vrel::TARGET_VERDICT_CACHEABLE, 1});
+  AllowModuleCache(event);
   return event->Reply(vrel::BasicVerdict::Allow);
 }
 

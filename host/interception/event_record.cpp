@@ -52,7 +52,8 @@ uint64_t FilesystemTypeCache::TypeOf(int fd, uint64_t dev) {
   return type;
 }
 
-EventRecordBuilder::EventRecordBuilder(uint64_t ownNamespace) : m_processes(ownNamespace) {}
+EventRecordBuilder::EventRecordBuilder(uint64_t ownNamespace, const WrittenFiles& writes)
+    : m_processes(ownNamespace), m_writes(writes) {}
 
 bool EventRecordBuilder::ReadPath(int fd) {
   char link[32] = "/proc/self/fd/";
@@ -94,7 +95,8 @@ void EventRecordBuilder::FillFromStat(vrel::EventParams& p, int fd, const struct
   p.dev = st->st_dev;
   p.ino = st->st_ino;
   p.mtime = vrel::Timespec{st->st_mtim.tv_sec, st->st_mtim.tv_nsec};
-  p.ctime = vrel::Timespec{st->st_ctim.tv_sec, st->st_ctim.tv_nsec};
+  // The module trusts an unchanged ctime; a write oasd saw must change it.
+  p.ctime = m_writes.StampedChangeTime(*st);
   p.fsType = m_filesystems.TypeOf(fd, p.dev);
 }
 

@@ -1,7 +1,8 @@
 // Turns a fanotify event into the record the module reads: the path behind the event's
 // descriptor, the file's identity, times and mount, the filesystem's type, and the opener's
 // uid, mount namespace and process identity. Each reader thread owns one builder with its
-// caches (no locks); a miss reads /proc or statfs. The event's descriptor is only borrowed.
+// caches (no locks); a miss reads /proc or statfs. The event's descriptor is only borrowed,
+// and so is the written-files table, whose generation goes into the change time.
 #pragma once
 
 #include <limits.h>
@@ -15,6 +16,7 @@
 #include <unordered_map>
 
 #include "host/system/process_manager.h"
+#include "host/system/written_files.h"
 #include "interfaces/vrel/event_params.h"
 
 namespace oasd {
@@ -64,7 +66,7 @@ class EventRecordBuilder {
   // Stands for a path too long to resolve; the module recognises it by this prefix.
   static constexpr std::string_view PathTooLong = "<PATH IS TOO LONG>";
 
-  explicit EventRecordBuilder(uint64_t ownNamespace);
+  EventRecordBuilder(uint64_t ownNamespace, const WrittenFiles& writes);
 
   // The path behind fd as the kernel names it (see FilesystemScope for whose view that is);
   // false when it cannot be read at all.
@@ -93,6 +95,7 @@ class EventRecordBuilder {
 
   ProcessContextCache m_processes;
   FilesystemTypeCache m_filesystems;
+  const WrittenFiles& m_writes;
   std::string m_path;
   struct stat m_stat {};
   uint64_t m_mountId = 0;

@@ -82,6 +82,8 @@ uint64_t PermissionGroupMask(uint32_t flags) noexcept {
   if (flags & vrel::VREL_ACTION_FILTER_OPEN) mask |= FAN_OPEN_PERM;
   if (flags & vrel::VREL_ACTION_FILTER_EXEC) mask |= FAN_OPEN_EXEC_PERM;
   if (flags & vrel::VREL_ACTION_FILTER_CLOSE_MODIFIED) mask |= FAN_CLOSE_WRITE;
+  // Writes are only noted: a write that leaves ctime as it was must still void a clean verdict.
+  if (mask != 0) mask |= FAN_MODIFY;
   return mask;
 }
 
@@ -136,13 +138,15 @@ void ForEachEvent(char* buffer, ssize_t length, Handle&& handle) {
 FanotifyEventsProvider::FanotifyEventsProvider(qeb::objptr_t<qeb::ITracer> tracer,
                                                HostMetrics& metrics,
                                                qeb::objptr_t<nox::IMountProvider> mounts,
-                                               qeb::objptr_t<nox::IMountSubscription> mountChanges)
+                                               qeb::objptr_t<nox::IMountSubscription> mountChanges,
+                                               std::shared_ptr<WrittenFiles> writes)
     : m_tracer(std::move(tracer)),
       m_metrics(metrics),
       m_mounts(std::move(mounts)),
       m_mountChanges(std::move(mountChanges)),
       m_ownPid(::getpid()),
-      m_ownNamespace(OwnMountNamespace()) {}
+      m_ownNamespace(OwnMountNamespace()),
+      m_writes(writes ? std::move(writes) : std::make_shared<WrittenFiles>()) {}
 
 FanotifyEventsProvider::~FanotifyEventsProvider() { TearDown(); }
 
@@ -486,7 +490,7 @@ void FanotifyEventsProvider::ReportReadError(int error) noexcept {
 void FanotifyEventsProvider::ReadLane(Lane& lane) noexcept {
   MarkFanotifyReaderThread();
   pthread_setname_np(pthread_self(), lane.server ? "oasdFanotifySrv" : "oasdFanotify");
-  EventRecordBuilder records(m_ownNamespace);
+  EventRecordBuilder records(m_ownNamespace, *m_writes);
   alignas(fanotify_event_metadata) char buffer[BatchBytes];
   std::array<uint64_t, MaxBatchEvents> cookies{};
   uint64_t generation = m_mountGeneration.load();
@@ -515,7 +519,7 @@ void FanotifyEventsProvider::ReadLane(Lane& lane) noexcept {
 
 void FanotifyEventsProvider::ReadRenameEvents() noexcept {
   pthread_setname_np(pthread_self(), "oasdRename");
-  EventRecordBuilder records(m_ownNamespace);
+  EventRecordBuilder records(m_ownNamespace, *m_writes);
   alignas(fanotify_event_metadata) char buffer[BatchBytes];
   while (WaitReadable(m_renameGroup.Get())) {
     const ssize_t length = ::read(m_renameGroup.Get(), buffer, sizeof buffer);
@@ -560,6 +564,12 @@ void FanotifyEventsProvider::HandlePermissionGroupEvent(const fanotify_event_met
   }
   bool handedOver = false;
   try {
+    // Noted before any later event of the file is read, so its record shows the write.
+    if (event.mask & (FAN_MODIFY | FAN_CLOSE_WRITE)) m_writes->NoteWriteTo(event.fd);
+    if (!(event.mask & (FAN_OPEN_PERM | FAN_OPEN_EXEC_PERM | FAN_CLOSE_WRITE))) {
+      LetThrough(event.fd, permission, cookie);
+      return;
+    }
     if (!context.receiver.receiver || !InScope(event.fd, context, records)) {
       LetThrough(event.fd, permission, cookie);
       return;

@@ -3,8 +3,9 @@
 // where the kernel has one with its reader, the marks, the filesystem scope and the one
 // subscription (receiver and path filter). Every event descriptor read is answered and
 // closed here, or handed to the permission table, which owns it from then on. The groups are
-// answered through the responder, shared with the table, and closed by TearDown. Locks:
-// marks and subscription are never held together, nor across a call into the module.
+// answered through the responder, shared with the table, and closed by TearDown. Writes are
+// noted in the written-files table it shares. Locks: marks and subscription are never held
+// together, nor across a call into the module.
 #pragma once
 
 #include <sys/fanotify.h>
@@ -25,6 +26,7 @@
 #include "host/interception/fanotify_marks.h"
 #include "host/common/host_metrics.h"
 #include "host/interception/permission_table.h"
+#include "host/system/written_files.h"
 #include "host/common/unique_fd.h"
 #include "interfaces/nox/file_events.h"
 #include "interfaces/nox/mounts.h"
@@ -52,7 +54,8 @@ class FanotifyEventsProvider
 
   FanotifyEventsProvider(qeb::objptr_t<qeb::ITracer> tracer, HostMetrics& metrics,
                          qeb::objptr_t<nox::IMountProvider> mounts,
-                         qeb::objptr_t<nox::IMountSubscription> mountChanges);
+                         qeb::objptr_t<nox::IMountSubscription> mountChanges,
+                         std::shared_ptr<WrittenFiles> writes = nullptr);
   ~FanotifyEventsProvider();
 
   // Creates the groups; fails when the kernel refuses permission events (not root, or no
@@ -157,6 +160,7 @@ class FanotifyEventsProvider
   const qeb::objptr_t<nox::IMountSubscription> m_mountChanges;
   const int32_t m_ownPid;
   const uint64_t m_ownNamespace;
+  const std::shared_ptr<WrittenFiles> m_writes;  // a private one when none is given
 
   std::shared_ptr<FanotifyResponder> m_responder;  // owns the permission groups
   std::vector<Lane> m_lanes;  // fixed after SetUp; [0] serves local filesystems

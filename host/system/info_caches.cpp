@@ -4,11 +4,14 @@
 #include "host/system/info_caches.h"
 
 #include <pwd.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
+#include <cstring>
+#include <ctime>
 #include <vector>
 
 #include "framework/qeb/utf.h"
@@ -31,6 +34,49 @@ std::string LookUpUserName(uint32_t uid) {
   }
 }
 
+uint64_t Rotl(uint64_t x, int bits) noexcept { return (x << bits) | (x >> (64 - bits)); }
+
+// SipHash-2-4: a keyed hash that stands up to inputs chosen to collide.
+uint64_t SipHash24(const std::array<uint64_t, 2>& key, std::string_view in) noexcept {
+  uint64_t v0 = 0x736f6d6570736575ULL ^ key[0], v1 = 0x646f72616e646f6dULL ^ key[1];
+  uint64_t v2 = 0x6c7967656e657261ULL ^ key[0], v3 = 0x7465646279746573ULL ^ key[1];
+  const auto round = [&] {
+    v0 += v1, v1 = Rotl(v1, 13), v1 ^= v0, v0 = Rotl(v0, 32);
+    v2 += v3, v3 = Rotl(v3, 16), v3 ^= v2;
+    v0 += v3, v3 = Rotl(v3, 21), v3 ^= v0;
+    v2 += v1, v1 = Rotl(v1, 17), v1 ^= v2, v2 = Rotl(v2, 32);
+  };
+  const auto absorb = [&](uint64_t m) {
+    v3 ^= m;
+    round();
+    round();
+    v0 ^= m;
+  };
+  size_t i = 0;
+  for (; i + 8 <= in.size(); i += 8) {
+    uint64_t m = 0;
+    std::memcpy(&m, in.data() + i, 8);
+    absorb(m);
+  }
+  uint64_t last = static_cast<uint64_t>(in.size()) << 56;
+  for (size_t j = 0; i + j < in.size(); ++j)
+    last |= static_cast<uint64_t>(static_cast<unsigned char>(in[i + j])) << (8 * j);
+  absorb(last);
+  v2 ^= 0xff;
+  for (int r = 0; r < 4; ++r) round();
+  return v0 ^ v1 ^ v2 ^ v3;
+}
+
+std::array<uint64_t, 2> RandomKey() noexcept {
+  std::array<uint64_t, 2> key{};
+  if (::getrandom(key.data(), sizeof key, 0) == static_cast<ssize_t>(sizeof key)) return key;
+  // Without the kernel's randomness the digest still works, only less hard to aim at.
+  timespec now{};
+  ::clock_gettime(CLOCK_MONOTONIC, &now);
+  return {static_cast<uint64_t>(now.tv_nsec) ^ static_cast<uint64_t>(::getpid()),
+          reinterpret_cast<uintptr_t>(&key)};
+}
+
 std::string DescriptorPath(int32_t fd) {
   std::vector<char> buffer(65536);
   const std::string link = "/proc/self/fd/" + std::to_string(fd);
@@ -40,6 +86,11 @@ std::string DescriptorPath(int32_t fd) {
 }
 
 }  // namespace
+
+FileKey FileKeyOf(uint64_t mountNamespace, std::string_view path) noexcept {
+  static const std::array<uint64_t, 2> key = RandomKey();
+  return {mountNamespace, SipHash24(key, path)};
+}
 
 uint64_t OwnMountNamespace() noexcept {
   struct stat st {};
@@ -62,7 +113,7 @@ qeb::result_t UserInfoCache::NoteEventUser(uint64_t mountNamespace, const std::s
                                            uint32_t uid) noexcept {
   try {
     std::lock_guard lock(m_mutex);
-    m_owners.Put({mountNamespace, fileName}, uid);
+    m_owners.Put(FileKeyOf(mountNamespace, fileName), uid);
     return qeb::res::Ok;
   } catch (...) {
     return qeb::res::OutOfMemory;
@@ -75,7 +126,7 @@ qeb::result_t UserInfoCache::GetFileOwner(uint64_t mountNamespace, const std::st
     std::optional<uint32_t> uid;
     {
       std::lock_guard lock(m_mutex);
-      uid = m_owners.Get({mountNamespace, fileName});
+      uid = m_owners.Get(FileKeyOf(mountNamespace, fileName));
     }
     if (!uid) return qeb::res::NotFound;
     info.userName = qeb::Utf8ToUtf16(m_names.NameOf(*uid));
@@ -97,7 +148,7 @@ qeb::result_t FileInfoCache::NoteDeepNestedFile(uint64_t mountNamespace, int32_t
     nox::FileInfo info;
     info.size = static_cast<uint64_t>(st.st_size);
     std::lock_guard lock(m_mutex);
-    m_files.Put({mountNamespace, std::move(path)}, std::move(info));
+    m_files.Put(FileKeyOf(mountNamespace, path), std::move(info));
     return qeb::res::Ok;
   } catch (...) {
     return qeb::res::OutOfMemory;
@@ -109,7 +160,7 @@ qeb::result_t FileInfoCache::GetFileInfo(uint64_t mountNamespace, const std::str
   try {
     {
       std::lock_guard lock(m_mutex);
-      if (auto noted = m_files.Get({mountNamespace, fileName})) {
+      if (auto noted = m_files.Get(FileKeyOf(mountNamespace, fileName))) {
         info = std::move(*noted);
         return qeb::res::Ok;
       }

@@ -1,7 +1,9 @@
 // The host's user- and file-information caches, and the user-name lookup they share with
 // the process manager. Each cache owns a bounded table under its own mutex (the oldest
-// entry goes first when full); callers get copies. File hashes are not computed: hashing
-// would mean reading the whole file on the event path, so md5 and sha256 stay empty.
+// entry goes first when full); callers get copies. Files are keyed by a keyed 64-bit digest
+// of their path, never the path itself, so an entry costs the same for any path length.
+// File hashes are not computed: hashing would mean reading the whole file on the event
+// path, so md5 and sha256 stay empty.
 #pragma once
 
 #include <cstdint>
@@ -10,6 +12,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "framework/qeb/host_object.h"
@@ -45,6 +48,11 @@ class BoundedMap {
   std::deque<K> m_order;
 };
 
+// A file's key: its mount namespace and a digest of its path under a key chosen at random
+// per process, so a local user cannot make two paths collide on purpose.
+using FileKey = std::pair<uint64_t, uint64_t>;
+FileKey FileKeyOf(uint64_t mountNamespace, std::string_view path) noexcept;
+
 // Names of users by uid, from the password database (getpwuid_r); an unknown uid is
 // named by its number. Thread-safe; the lookup runs outside the lock.
 class UserNames {
@@ -67,9 +75,8 @@ class UserInfoCache : public qeb::object::Ifaces<nox::IUserInfoCache> {
                              nox::UserInfo& info) noexcept override;
 
  private:
-  using Key = std::pair<uint64_t, std::string>;
   std::mutex m_mutex;
-  BoundedMap<Key, uint32_t> m_owners{Capacity};
+  BoundedMap<FileKey, uint32_t> m_owners{Capacity};
   UserNames m_names;
 };
 
@@ -86,10 +93,9 @@ class FileInfoCache : public qeb::object::Ifaces<nox::IFileInfoCache> {
                             nox::FileInfo& info) noexcept override;
 
  private:
-  using Key = std::pair<uint64_t, std::string>;
   const uint64_t m_ownNamespace;
   std::mutex m_mutex;
-  BoundedMap<Key, nox::FileInfo> m_files{Capacity};
+  BoundedMap<FileKey, nox::FileInfo> m_files{Capacity};
 };
 
 // The inode of oasd's own mount namespace (0 when it cannot be read).

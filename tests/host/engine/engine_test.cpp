@@ -17,6 +17,7 @@
 
 #include "host/engine/checked_cache.h"
 #include "host/engine/clamav_engine.h"
+#include "host/engine/module_cacheable.h"
 #include "nox_common/container_identification_tools.h"
 #include "oas/file_interceptor_event.h"
 #include "testing/fake_host.h"
@@ -114,6 +115,7 @@ TEST_F(EngineTest, DeniesEicarThroughItsDescriptorAndAllowsCleanFilesAsCacheable
   EXPECT_GE(engine->SignatureCount(), 1u);
   const std::string eicar = dir.Write("eicar.com", std::string(kEicar) + "\n");
   const std::string clean = dir.Write("notes.txt", "nothing to see here\n");
+  LetChangesSettle();
 
   // The name is gone before the scan: only the descriptor can still show the content.
   const Fd eicarFd(eicar);
@@ -203,7 +205,7 @@ TEST_F(EngineTest, ConcurrentScansOfOneFileStateRunTheEngineOnceUnlessItChanges)
   const auto round = [&](const std::function<void()>& whileHeld) {
     std::vector<std::unique_ptr<Fd>> fds;
     for (size_t i = 0; i < kOpeners; ++i) fds.push_back(std::make_unique<Fd>(file));
-    const CheckedKey key = *oasd::CheckedKeyOfFd(fds[0]->Get());
+    const CheckedKey key = *oasd::CheckedKeyOfFd(fds[0]->Get(), oasd::WrittenFiles{});
     std::vector<ScanOutcome::Kind> kinds(kOpeners, ScanOutcome::Clean);
     std::vector<std::thread> openers;
     for (size_t i = 0; i < kOpeners; ++i)
@@ -225,6 +227,16 @@ TEST_F(EngineTest, ConcurrentScansOfOneFileStateRunTheEngineOnceUnlessItChanges)
   round([&] { Overwrite(file, std::string(kEicar).replace(0, 1, "Y")); Overwrite(file, kEicar); });
   EXPECT_EQ(metrics.scans, 1u + kOpeners);
   EXPECT_EQ(metrics.coalescedScans, kOpeners - 1);
+}
+
+TEST_F(EngineTest, FreshlyChangedFilesAndLongPathsAreNotLeftToTheModulesCache) {
+  auto engine = MakeEngine();
+  const Fd fd(dir.Write("clean.txt", "clean"));
+  const std::string longest(oasd::kMaxModuleCachedPath, 'p');
+  EXPECT_EQ(Open(engine.Get(), fd.Get(), longest), kAllow);  // a write in this tick would not show
+  LetChangesSettle();
+  EXPECT_EQ(Open(engine.Get(), fd.Get(), longest), kAllowClean);
+  EXPECT_EQ(Open(engine.Get(), fd.Get(), longest + "p"), kAllow);
 }
 
 TEST_F(EngineTest, CheckedCacheAnswersUnchangedFilesAndRescansChangedOnes) {
@@ -258,7 +270,7 @@ TEST_F(EngineTest, CheckedCacheSkipsFreshlyChangedFilesAndIsOffUnlessAsked) {
   UseChecker(true);
   auto engine = MakeEngine();
   const std::string fresh = dir.Write("fresh.txt", "just written");
-  EXPECT_EQ(Open(engine.Get(), fresh), kAllowClean);
+  EXPECT_EQ(Open(engine.Get(), fresh), kAllow);
   EXPECT_EQ(engine->CheckedCacheSize(), 0u);
 
   UseChecker(false);
@@ -287,7 +299,7 @@ TEST_F(EngineTest, AScanRacingAReloadFinishesAndIsNotRemembered) {
   EXPECT_EQ(engine->CheckedCacheSize(), 0u);
 }
 
-TEST(CheckedCacheTest, KeepsOneEntryPerFileAndEvictsTheLeastRecentlyUsed) {
+TEST(CheckedCacheTest, KeepsOneEntryPerFileEvictsTheLeastRecentlyUsedAndSettlesCoarseTimesLater) {
   CheckedCache cache(2);
   const CheckedKey a{1, 10, 100, 0, 5};
   const CheckedKey b{1, 11, 100, 0, 5};
@@ -305,6 +317,11 @@ TEST(CheckedCacheTest, KeepsOneEntryPerFileAndEvictsTheLeastRecentlyUsed) {
   EXPECT_FALSE(cache.Contains(changed));
   EXPECT_FALSE(cache.Contains(a));  // the stale state went with the miss
   EXPECT_EQ(cache.Size(), 1u);
+
+  // A whole-second ctime marks a file system with coarse times: it settles later.
+  EXPECT_FALSE(oasd::ChangeSettled(a, timespec{101, 500'000'000}));
+  EXPECT_TRUE(oasd::ChangeSettled(a, timespec{102, 0}));
+  EXPECT_TRUE(oasd::ChangeSettled(changed, timespec{100, 200'000'000}));
 }
 
 TEST(CheckedCacheTest, ClearVoidsInsertsOfScansStartedBefore) {
