@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "framework/qeb/exception.h"
 #include "framework/qeb/result_text.h"
 #include "framework/qeb/utf.h"
 
@@ -135,13 +136,13 @@ bool IsEnabled(ITracer* tracer, uint32_t level) noexcept {
 
 Line& CheckFailedPrefix(Line& line, const char* file, unsigned lineNo, const char* expression,
                         result_t result) noexcept {
-  return line << file << ':' << lineNo << '(' << expression << "),(" << "QEB_SUCCEEDED(_result)"
+  return line << SourceName(file) << ':' << lineNo << '(' << expression << "),(" << "QEB_SUCCEEDED(_result)"
               << ") failed: " << "result = " << AsResult(result);
 }
 
 Line& ConditionFailedPrefix(Line& line, const char* file, unsigned lineNo, const char* expression,
                             const char* resultText) noexcept {
-  return line << file << ':' << lineNo << '(' << expression << ") failed: " << "result = "
+  return line << SourceName(file) << ':' << lineNo << '(' << expression << ") failed: " << "result = "
               << resultText;
 }
 
