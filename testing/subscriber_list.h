@@ -4,6 +4,7 @@
 #pragma once
 
 #include <algorithm>
+#include <functional>
 #include <mutex>
 #include <vector>
 
@@ -15,6 +16,12 @@ template <class I>
 class SubscriberList {
  public:
   result_t Add(I* subscriber) {
+    std::function<void()> hook;
+    {
+      std::lock_guard lock(m_mutex);
+      hook = m_onSubscribe;
+    }
+    if (hook) hook();
     std::lock_guard lock(m_mutex);
     ++m_subscribeCalls;
     if (QEB_FAILED(m_refusal)) return m_refusal;
@@ -40,6 +47,12 @@ class SubscriberList {
     std::vector<objptr_t<I>> dropped;
     std::lock_guard lock(m_mutex);
     dropped.swap(m_subscribers);
+  }
+
+  // Runs on the subscribing thread at each subscribe call, before it is answered.
+  void OnSubscribe(std::function<void()> hook) {
+    std::lock_guard lock(m_mutex);
+    m_onSubscribe = std::move(hook);
   }
 
   // Subscribe calls answer code from now on (0 to accept again).
@@ -69,6 +82,7 @@ class SubscriberList {
   mutable std::mutex m_mutex;
   std::vector<objptr_t<I>> m_subscribers;
   result_t m_refusal = res::Ok;
+  std::function<void()> m_onSubscribe;
   size_t m_subscribeCalls = 0;
   size_t m_unsubscribeCalls = 0;
 };

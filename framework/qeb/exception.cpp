@@ -129,7 +129,9 @@ std::string exception::Description() const {
 
 std::string_view SourceName(const char* file) noexcept {
   if (!file) return "(null)";
-  const std::string_view path(file);
+  std::string_view path(file);
+  // A build that names sources relative to its own directory adds leading "../".
+  while (path.starts_with("../")) path.remove_prefix(3);
   const size_t dot = path.rfind('.');
   const size_t slash = path.rfind('/');
   if (dot == std::string_view::npos || (slash != std::string_view::npos && dot < slash)) return path;
