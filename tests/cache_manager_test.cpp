@@ -6,6 +6,7 @@
 
 #include <map>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -30,9 +31,11 @@ constexpr const char* kKey = "/var/x (ino: 1234, dev: 2049)";
 struct ScriptedEntry : CleanFileInfo {
   bool CheckProcess(const system_interceptors::process_manager::ProcessInfo& info) override {
     lastIdentity = info.m_uniqueId;
+    if (throws) throw std::runtime_error("process check exploded");
     return knowsProcess;
   }
   bool knowsProcess = true;
+  bool throws = false;
   uint64_t lastIdentity = 0;
 };
 
@@ -44,6 +47,7 @@ class ScriptedCache : public IFilesCache {
   ~ScriptedCache() override { m_log->push_back(m_name + " destroyed"); }
 
   qeb::result_t Find(const FileId& id, std::shared_ptr<CleanFileInfo>& out) override {
+    if (throwOnFind) throw std::bad_alloc();
     const auto it = m_entries.find(std::string(id.name.view()));
     if (it == m_entries.end()) return qeb::res::NotFound;
     out = it->second;
@@ -59,6 +63,8 @@ class ScriptedCache : public IFilesCache {
   }
   qeb::result_t Clear() override { return m_entries.clear(), qeb::res::Ok; }
   size_t Size() override { return m_entries.size(); }
+
+  bool throwOnFind = false;
 
   std::shared_ptr<ScriptedEntry> Put(const vrel::EventParams& event, int64_t addedTime) {
     auto entry = std::make_shared<ScriptedEntry>();
@@ -210,6 +216,57 @@ TEST_F(CacheManagerTest, DeviceSeenAtTheEntrysNanosecondIsNotARemountLaterIs) {
   EXPECT_EQ(log, (std::vector<std::string>{"cache0 remove /var/x"}));
 }
 
+TEST_F(CacheManagerTest, AnEntryBothRemountedAndTooOldIsReportedAsRemounted) {
+  auto manager = Make();
+  const auto event = Event();
+  Cache(0).Put(event, clock.Now());
+  clock.Advance(1);
+  manager->OnMountsChanged(1, Mounts(kDev, "/mnt/a"), {});
+  clock.Advance(601 * kSecond);
+  EXPECT_FALSE(manager->IsCleanFile(event));
+  EXPECT_TRUE(NeedsChecking("remounted"));
+  EXPECT_FALSE(NeedsChecking("timeout expired for cached file"));
+}
+
+// The caches are asked in order and the first that knows the file decides alone.
+TEST_F(CacheManagerTest, TheFirstCacheHoldingTheFileSuppliesTheEntry) {
+  auto manager = Make(2);
+  auto event = Event();
+  auto first = Cache(0).Put(event, clock.Now());
+  auto second = Cache(1).Put(event, clock.Now());
+  first->knowsProcess = false;
+  event.ctime.sec += 1;
+  EXPECT_FALSE(manager->IsCleanFile(event));
+  EXPECT_TRUE(NeedsChecking("access to the file by unknown process"));
+  EXPECT_EQ(first->hitCount, 1u);
+  EXPECT_EQ(second->hitCount, 0u);
+
+  clock.Advance(601 * kSecond);
+  EXPECT_FALSE(manager->IsCleanFile(event));
+  EXPECT_EQ(log, (std::vector<std::string>{"cache0 remove /var/x"})) << "only the supplier loses it";
+}
+
+// A failure inside the decision is the miss of the step it happened in: traced with that
+// reason and counted, as any other.
+TEST_F(CacheManagerTest, AnExceptionInsideTheDecisionIsAMissLikeAnyOther) {
+  auto manager = Make();
+  auto event = Event();
+  auto entry = Cache(0).Put(event, clock.Now());
+  Cache(0).throwOnFind = true;
+  EXPECT_FALSE(manager->IsCleanFile(event));
+  EXPECT_TRUE(NeedsChecking("cache miss"));
+  EXPECT_EQ(host.tracer->Texts(qeb::trace::LevelError).size(), 1u) << "the exception is traced";
+
+  Cache(0).throwOnFind = false;
+  entry->throws = true;
+  event.ctime.sec += 1;
+  EXPECT_FALSE(manager->IsCleanFile(event));
+  EXPECT_TRUE(NeedsChecking("access to the file by unknown process"));
+  EXPECT_TRUE(host.tracer->Contains("process check exploded"));
+  EXPECT_EQ(host.metricsFactory->Counter("oas_cache_misses_total"), 2u);
+  EXPECT_EQ(host.metricsFactory->Counter("oas_cache_hits_total"), 0u);
+}
+
 TEST_F(CacheManagerTest, DeviceMountedSomewhereThroughoutKeepsItsFirstSeenTime) {
   auto manager = Make();
   const auto event = Event();
@@ -302,7 +359,7 @@ TEST_F(CacheManagerTest, ProcessQueryFailuresAreTracedAndMiss) {
   EXPECT_FALSE(manager->IsCleanFile(event));
   auto errors = host.tracer->Texts(qeb::trace::LevelError);
   ASSERT_EQ(errors.size(), 1u);
-  EXPECT_NE(errors[0].find("oas/cache_manager.cpp:"), std::string::npos) << errors[0];
+  EXPECT_EQ(errors[0].rfind("oas/cache_manager:", 0), 0u) << errors[0];
   EXPECT_NE(errors[0].find("(m_proc->GetInformation(pid, process.Ref())),(QEB_SUCCEEDED(_result)) failed: "
                            "result = 0x8000004c"),
             std::string::npos)
