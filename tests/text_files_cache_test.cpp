@@ -15,6 +15,7 @@
 #include "oas/cache_impl/clean_file_info_pid.h"
 #include "oas/cache_impl/text_files_cache.h"
 #include "oas/monotonic_clock.h"
+#include "testing/failing_allocation.h"
 #include "testing/fake_host.h"
 #include "testing/scoped_clock_override.h"
 
@@ -219,6 +220,21 @@ TEST_F(TextFilesCacheTest, MissingHostServicesAreTracedAndAdmitNothing) {
     EXPECT_TRUE(host.tracer->Contains("cannot get io from open fd"));
     EXPECT_EQ(cache.Size(), 0u);
   }
+}
+
+// Whatever escapes while a file is being recorded, Add answers that it was not recorded.
+TEST_F(TextFilesCacheTest, AnExceptionWhileRecordingAnswersNotRecorded) {
+  TextFilesCache cache(host.Locator());
+  ASSERT_EQ(cache.Add(Event(textPath, 1)), res::Ok);  // every service it asks for is known now
+  // The file is text; the process is unknown, quietly; then the entry cannot be made.
+  host.tracer->Enable(qeb::trace::LevelError, false);
+  host.tracer->OnLine([](std::string_view line) {
+    if (line.ends_with(" is text file")) qeb::testing::FailAllocation();
+  });
+  EXPECT_EQ(cache.Add(Event(textPath, 2, 999)), res::False);
+  host.tracer->OnLine(nullptr);
+  EXPECT_FALSE(Lookup(cache, textPath, 2));
+  EXPECT_EQ(cache.Size(), 1u);
 }
 
 TEST_F(TextFilesCacheTest, ReAddingRefreshesTimesAndMergesProcesses) {
