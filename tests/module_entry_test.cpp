@@ -12,7 +12,9 @@
 #include "framework/qeb/objptr.h"
 #include "interfaces/qeb/module.h"
 #include "oas/file_interceptor.h"
+#include "testing/event_builder.h"
 #include "testing/fake_host.h"
+#include "testing/fake_scanner.h"
 
 namespace {
 
@@ -132,6 +134,34 @@ TEST_F(LoadedModule, EveryFaceOfTheInterceptorIsReachable) {
   uint32_t state = 0;
   EXPECT_EQ(interceptor->GetState(&state), 0);
   EXPECT_EQ(state, nox::oas::FileInterceptor::STATE_CREATED);
+}
+
+// The host tracer is wrapped once, where the interceptor is made: every line any module
+// object writes (interceptor, processor, cache manager, event) carries the prefix once.
+TEST_F(LoadedModule, EveryModuleLineCarriesThePrefixOnce) {
+  qeb::IObject* raw = nullptr;
+  ASSERT_EQ(create(qeb::CLSID_FileInterceptor, host.Locator(), &raw), 0);
+  auto object = objptr_t<qeb::IObject>::Attach(raw);
+  objptr_t<vrel::IFileInterceptor> interceptor;
+  ASSERT_EQ(qeb::QueryInterface(object.Get(), interceptor.Ref()), 0);
+  auto scanner = qeb::testing::MakeHostObject<qeb::testing::FakeScanner>();
+  ASSERT_EQ(interceptor->SetupFilters(0xF, scanner.Get()), 0);
+  EXPECT_EQ(host.eventsProvider->Deliver(qeb::testing::MakeOpenEvent(1, "/srv/file")), 0);
+  host.threadPoolFactory->LastPool()->WaitIdle();
+  ASSERT_EQ(interceptor->RemoveFilters(), 0);
+  interceptor.Reset();
+  object.Reset();
+  EXPECT_EQ(canUnload(), 0u);
+
+  for (const char* line : {"oas: StartIntercepting", "oas: bool nox::oas::CacheManager::IsCleanFile",
+                           "oas: nox::oas::FileEventsProcessor::~FileEventsProcessor()",
+                           "oas: OASCache: /srv/file (ino: 1, dev: 2049) needs checking (cache miss)"})
+    EXPECT_TRUE(host.tracer->Contains(line)) << line;
+  EXPECT_TRUE(host.tracer->Contains("nox::oas::FileInterceptorEvent::Reply"));
+  for (const auto& line : host.tracer->Lines()) {
+    EXPECT_TRUE(line.text.starts_with("oas: ")) << line.text;
+    EXPECT_FALSE(line.text.starts_with("oas: oas: ")) << line.text;
+  }
 }
 
 class CountingAllocator : public qeb::object::Ifaces<qeb::IAllocator> {
