@@ -13,9 +13,7 @@
 
 #include "framework/qeb/exception.h"
 #include "framework/qeb/result_text.h"
-#include "oas/cache_impl/cache_list.h"
 #include "oas/cache_impl/database_journals_cache.h"
-#include "oas/cache_impl/text_files_cache.h"
 #include "testing/failing_allocation.h"
 #include "testing/fake_host.h"
 #include "testing/scoped_clock_override.h"
@@ -268,20 +266,6 @@ TEST(JournalsCacheConstruction, EachMissingServiceIsNamed) {
       EXPECT_EQ(std::get<std::string>(e.Properties().Find(qeb::kPropText)->value), c.sentence);
     }
   }
-}
-
-TEST(JournalsCacheConstruction, BuiltAfterTheTextCacheWhenEnabled) {
-  FakeHost host;
-  nox::settings::OASSettings settings;
-  settings.skipDatabaseJournals = true;
-  auto caches = nox::oas::BuildCacheList(host.Locator(), settings);
-  ASSERT_EQ(caches.size(), 1u);
-  EXPECT_TRUE(dynamic_cast<DatabaseJournalsCache*>(caches[0].get()));
-  settings.skipPlainTextFiles = true;
-  caches = nox::oas::BuildCacheList(host.Locator(), settings);
-  ASSERT_EQ(caches.size(), 2u);
-  EXPECT_TRUE(dynamic_cast<nox::oas::TextFilesCache*>(caches[0].get()));
-  EXPECT_TRUE(dynamic_cast<DatabaseJournalsCache*>(caches[1].get()));
 }
 
 // The journals cache keeps its own count of files: the one over its capacity evicts the

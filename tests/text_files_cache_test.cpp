@@ -14,7 +14,6 @@
 #include "oas/cache_impl/cache_list.h"
 #include "oas/cache_impl/clean_file_info_pid.h"
 #include "oas/cache_impl/text_files_cache.h"
-#include "oas/monotonic_clock.h"
 #include "testing/failing_allocation.h"
 #include "testing/fake_host.h"
 #include "testing/scoped_clock_override.h"
@@ -277,23 +276,6 @@ TEST(CleanFileInfoPid, TheHundredAndFirstProcessDropsTheLeastRecentlySeen) {
   EXPECT_TRUE(entry.CheckProcess(Identity(101)));
 }
 
-TEST_F(TextFilesCacheTest, FindRemoveAndClear) {
-  TextFilesCache cache(host.Locator());
-  ASSERT_EQ(cache.Add(Event(textPath, 61)), res::Ok);
-  ASSERT_EQ(cache.Add(Event(textPath, 62)), res::Ok);
-
-  std::shared_ptr<CleanFileInfo> out = Lookup(cache, textPath, 61);
-  ASSERT_TRUE(out);
-  EXPECT_EQ(cache.Remove(Key(textPath, 61)), res::Ok);
-  EXPECT_EQ(cache.Remove(Key(textPath, 61)), res::NotFound);
-  EXPECT_EQ(cache.Find(Key(textPath, 61), out), res::NotFound);
-  EXPECT_FALSE(out) << "a miss empties the out entry";
-
-  EXPECT_EQ(cache.Clear(), res::Ok);
-  EXPECT_EQ(cache.Size(), 0u);
-  EXPECT_FALSE(Lookup(cache, textPath, 62));
-}
-
 TEST_F(TextFilesCacheTest, TheLeastRecentlyLookedUpFileIsEvictedAtTheLimit) {
   // A hundred thousand detail lines would say nothing here.
   host.tracer->EnableUpTo(qeb::trace::LevelNotice);
@@ -315,23 +297,6 @@ TEST_F(TextFilesCacheTest, TheLeastRecentlyLookedUpFileIsEvictedAtTheLimit) {
   ASSERT_EQ(cache.Add(Event(textPath, 3, 100, text.Get())), res::Ok);
   EXPECT_TRUE(Lookup(cache, textPath, 4));
   EXPECT_EQ(cache.Size(), TextFilesCache::MaxFiles);
-}
-
-TEST(MonotonicClock, OverridesNestAndRestoreTheSystemClock) {
-  {
-    ScopedClockOverride outer(500);
-    EXPECT_EQ(nox::oas::RawMonotonicNow(), 500);
-    {
-      ScopedClockOverride inner(900);
-      inner.Advance(100);
-      EXPECT_EQ(nox::oas::RawMonotonicNow(), 1000);
-    }
-    EXPECT_EQ(nox::oas::RawMonotonicNow(), 500);
-  }
-  const int64_t a = nox::oas::RawMonotonicNow();
-  const int64_t b = nox::oas::RawMonotonicNow();
-  EXPECT_GT(a, 0);
-  EXPECT_GE(b, a);
 }
 
 TEST(BuildCacheList, TheSettingsChooseTheCachesTextFirst) {
