@@ -95,11 +95,6 @@ result_t FakeFileFactory::GetIO(int fd, IIO** io) noexcept {
   return res::Ok;
 }
 
-void FakeFileFactory::FailByName(result_t code) {
-  std::lock_guard lock(m_mutex);
-  m_nameFailure = code;
-}
-
 void FakeFileFactory::FailByFd(result_t code) {
   std::lock_guard lock(m_mutex);
   m_fdFailure = code;

@@ -48,8 +48,6 @@ class FakeFileFactory : public object::Ifaces<nox::IFileFactory, nox::IFdFileFac
                       io_disposition disposition, uint32_t flags, IIO** io) noexcept override;
   result_t GetIO(int fd, IIO** io) noexcept override;
 
-  // The next opens answer code until restored with res::Ok.
-  void FailByName(result_t code);
   void FailByFd(result_t code);
 
   size_t OpenedByName() const;  // successful opens

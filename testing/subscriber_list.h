@@ -23,7 +23,6 @@ class SubscriberList {
     }
     if (hook) hook();
     std::lock_guard lock(m_mutex);
-    ++m_subscribeCalls;
     if (QEB_FAILED(m_refusal)) return m_refusal;
     if (!subscriber) return res::InvalidArgument;
     m_subscribers.emplace_back(subscriber);
@@ -33,7 +32,6 @@ class SubscriberList {
   result_t Remove(I* subscriber) {
     objptr_t<I> removed;
     std::lock_guard lock(m_mutex);
-    ++m_unsubscribeCalls;
     auto it = std::find_if(m_subscribers.begin(), m_subscribers.end(),
                            [&](const objptr_t<I>& s) { return s.Get() == subscriber; });
     if (it == m_subscribers.end()) return res::NotFound;
@@ -69,22 +67,12 @@ class SubscriberList {
     std::lock_guard lock(m_mutex);
     return m_subscribers.size();
   }
-  size_t SubscribeCalls() const {
-    std::lock_guard lock(m_mutex);
-    return m_subscribeCalls;
-  }
-  size_t UnsubscribeCalls() const {
-    std::lock_guard lock(m_mutex);
-    return m_unsubscribeCalls;
-  }
 
  private:
   mutable std::mutex m_mutex;
   std::vector<objptr_t<I>> m_subscribers;
   result_t m_refusal = res::Ok;
   std::function<void()> m_onSubscribe;
-  size_t m_subscribeCalls = 0;
-  size_t m_unsubscribeCalls = 0;
 };
 
 }  // namespace qeb::testing
