@@ -9,6 +9,7 @@
 #include "framework/qeb/exception.h"
 #include "framework/qeb/result_text.h"
 #include "framework/qeb/utf.h"
+#include "nox_tracing/prefix_tracer.h"
 
 namespace qeb::trace {
 
@@ -144,6 +145,17 @@ Line& ConditionFailedPrefix(Line& line, const char* file, unsigned lineNo, const
                             const char* resultText) noexcept {
   return line << SourceName(file) << ':' << lineNo << '(' << expression << ") failed: " << "result = "
               << resultText;
+}
+
+// Log readers find a failed lookup of the host tracer by this fixed position.
+constexpr unsigned kMakePrefixTracerLine = 107;
+
+objptr_t<ITracer> MakePrefixTracer(IServiceLocator* sl, std::string_view prefix) {
+  objptr_t<ITracer> host;
+  result_t r = GetInterface(sl, 0, host.Ref());
+  if (QEB_SUCCEEDED(r) && !host) r = res::NoInterface;
+  if (QEB_FAILED(r)) throw CheckResultFailedException(__FILE__, kMakePrefixTracerLine, r);
+  return PrefixTracer::Create(host.Get(), prefix);
 }
 
 }  // namespace qeb::trace

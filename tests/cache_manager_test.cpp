@@ -130,15 +130,12 @@ class CacheManagerTest : public ::testing::Test {
   std::vector<ScriptedCache*> m_caches;
 };
 
-// ---- construction ----
-
 TEST_F(CacheManagerTest, EachMissingServiceFailsConstructionWithItsSentence) {
-  struct Case {
+  const struct {
     qeb::iid_t iid;
     uint32_t key;
     const char* sentence;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {system_interceptors::process_manager::IProcessManager::IID, 0,
        "Cannot get system_interceptors::process_manager::IProcessManager"},
       {avengine::object_skip::IObjectSkipChecker::IID, avengine::object_skip::IObjectSkipChecker::ServiceKey,
@@ -146,18 +143,13 @@ TEST_F(CacheManagerTest, EachMissingServiceFailsConstructionWithItsSentence) {
       {qeb::telemetry::IMetricsRegistry::IID, 0, "Cannot get qeb::telemetry::IMetricsRegistry"},
       {monitoring::IMetricsFactory::IID, 0, "Cannot get monitoring::IMetricsFactory"},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.sentence);
+  for (const auto& c : cases) {
     host.locator->Fail(c.iid, c.key, qeb::res::NoInterface);
     try {
       Make();
       ADD_FAILURE() << "constructed without the service";
     } catch (const qeb::CheckResultFailedException& e) {
-      EXPECT_EQ(e.Message(), "Expression failed");
-      EXPECT_EQ(e.Code(), qeb::res::NoInterface);
-      const auto* text = e.Properties().Find(qeb::kPropText);
-      ASSERT_NE(text, nullptr);
-      EXPECT_EQ(std::get<std::string>(text->value), c.sentence);
+      EXPECT_EQ(std::get<std::string>(e.Properties().Find(qeb::kPropText)->value), c.sentence);
     }
     host.locator->Restore(c.iid, c.key);
     EXPECT_EQ(log, (std::vector<std::string>{"cache0 destroyed"})) << "the caches go with the manager";
@@ -167,17 +159,6 @@ TEST_F(CacheManagerTest, EachMissingServiceFailsConstructionWithItsSentence) {
 
   host.locator->Remove(qeb::ITracer::IID);
   EXPECT_THROW(Make(), qeb::GetInterfaceException);
-}
-
-// ---- lookup: miss, age and the trace lines ----
-
-TEST_F(CacheManagerTest, WithoutCachesEveryEventIsACacheMiss) {
-  auto manager = Make(0);
-  EXPECT_FALSE(manager->IsCleanFile(Event()));
-  EXPECT_TRUE(host.tracer->Contains("bool nox::oas::CacheManager::IsCleanFile(const vrel::EventParams&)"));
-  EXPECT_TRUE(NeedsChecking("cache miss"));
-  EXPECT_EQ(host.metricsFactory->Counter("oas_cache_misses_total"), 1u);
-  EXPECT_EQ(host.metricsFactory->Counter("oas_cache_hits_total"), 0u);
 }
 
 TEST_F(CacheManagerTest, EntryExactlyMaxAgePassesOneNanosecondOlderIsRemovedFromItsOwnCache) {
@@ -198,8 +179,6 @@ TEST_F(CacheManagerTest, EntryExactlyMaxAgePassesOneNanosecondOlderIsRemovedFrom
   EXPECT_FALSE(manager->IsCleanFile(event));
   EXPECT_TRUE(NeedsChecking("cache miss"));
 }
-
-// ---- remounts ----
 
 TEST_F(CacheManagerTest, DeviceSeenAtTheEntrysNanosecondIsNotARemountLaterIs) {
   auto manager = Make();
@@ -291,8 +270,6 @@ TEST_F(CacheManagerTest, DeviceMountedSomewhereThroughoutKeepsItsFirstSeenTime) 
   EXPECT_TRUE(NeedsChecking("remounted"));
 }
 
-// ---- change time, process and bases ----
-
 TEST_F(CacheManagerTest, UnchangedFileNeedsNeitherProcessNorBases) {
   auto manager = Make();
   auto event = Event();
@@ -379,8 +356,6 @@ TEST_F(CacheManagerTest, ProcessQueryFailuresAreTracedAndMiss) {
   EXPECT_EQ(host.skipChecker->Calls(), 0u);
 }
 
-// ---- metrics and registration ----
-
 TEST_F(CacheManagerTest, CountersFollowVerdictsAndCollectionReadsCachesAndDevices) {
   auto manager = Make(2);
   Cache(0).Put(Event("/a"), clock.Now());
@@ -417,8 +392,6 @@ TEST_F(CacheManagerTest, DestructionUnregistersBeforeTheCachesGo) {
   EXPECT_EQ(log, (std::vector<std::string>{"cache0 destroyed"}));
   EXPECT_EQ(host.metricsRegistry->Collect(), 0u);
 }
-
-// ---- recording clean files ----
 
 TEST_F(CacheManagerTest, CleanFileGoesToTheFirstCacheThatRecordsIt) {
   std::vector<std::unique_ptr<IFilesCache>> list;
