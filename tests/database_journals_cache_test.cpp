@@ -157,37 +157,6 @@ TEST_F(JournalsCacheTest, PageAddressesMustStartAtASegmentAndGrowByOnePage) {
   EXPECT_EQ(LastDetail(), std::string(Refused) + "Not a WAL file, wrong incremental number: 32");
 }
 
-TEST_F(JournalsCacheTest, OpenDescriptorIsReadEvenAfterTheNameVanished) {
-  const std::string path = dir.Write("000000010000000000000007", Segment(0x6000));
-  const int fd = ::open(path.c_str(), O_RDONLY);
-  ASSERT_GE(fd, 0);
-  ASSERT_EQ(::unlink(path.c_str()), 0);
-  EXPECT_EQ(cache->Add(Event(path, ServerPid, fd)), res::Ok);
-  EXPECT_EQ(host.fileFactory->OpenedByFd(), 1u);
-  EXPECT_EQ(host.fileFactory->OpenedByName(), 0u);
-
-  // By name the vanished file cannot be opened: nothing is added.
-  ASSERT_EQ(cache->Clear(), res::Ok);
-  const qeb::result_t r = cache->Add(Event(path));
-  EXPECT_TRUE(QEB_FAILED(r));
-  EXPECT_EQ(cache->Size(), 0u);
-  ExpectCheckLine("m_filenameFileFactory->CreateFile( path.c_str(), qeb::io_access_mode::Read, "
-                  "qeb::io_share_mode::Read, qeb::io_disposition::OpenIfExist, 0, io.Ref())",
-                  r, "cannot get io from filename");
-  host.fileFactory->FailByFd(res::AccessDenied);
-  EXPECT_EQ(cache->IsWalFile(Event(path, ServerPid, fd)), res::AccessDenied);
-  ExpectCheckLine("m_fdFileFactory->GetIO(event.fd, io.Ref())", res::AccessDenied, "cannot get io from open fd");
-  ::close(fd);
-
-  // A descriptor that cannot be read (a directory) fails the first read.
-  host.fileFactory->FailByFd(res::Ok);
-  const int dirFd = ::open(dir.Path().c_str(), O_RDONLY | O_DIRECTORY);
-  const qeb::result_t readFailure = cache->IsWalFile(Event(dir.Path(), ServerPid, dirFd));
-  ::close(dirFd);
-  EXPECT_TRUE(QEB_FAILED(readFailure));
-  ExpectCheckLine("io->Read(buf, sizeof(buf), read)", readFailure, "Cannot read file");
-}
-
 TEST_F(JournalsCacheTest, AddRecordsAServerJournalAndRefreshesItLater) {
   const std::string path = dir.Write("segment", Segment(0x6000));
   EXPECT_EQ(cache->Add(Event(path)), res::Ok);
@@ -243,29 +212,6 @@ TEST_F(JournalsCacheTest, RefusalsComeBeforeReadingTheFile) {
   EXPECT_EQ(cache->Add(Event(path)), res::Unexpected);
   EXPECT_EQ(host.fileFactory->OpenedByName(), 0u);
   EXPECT_EQ(cache->Size(), 0u);
-}
-
-TEST(JournalsCacheConstruction, EachMissingServiceIsNamed) {
-  const struct {
-    qeb::iid_t iid;
-    uint32_t key;
-    std::string sentence;
-  } cases[] = {
-      {system_interceptors::process_manager::IProcessManager::IID, 0,
-       "Cannot get system_interceptors::process_manager::IProcessManager"},
-      {nox::IFileFactory::IID, vrel::CLSID_FileFactories, "Cannot get IFileFactory interface"},
-      {nox::IFdFileFactory::IID, 0, "Cannot get IFdFileFactory interface"},
-      {nox::IApplicationProvider::IID, 0, "Cannot get IApplicationProvider interface"}};
-  for (const auto& c : cases) {
-    FakeHost host;
-    host.locator->Remove(c.iid, c.key);
-    try {
-      DatabaseJournalsCache cache(host.Locator());
-      ADD_FAILURE() << c.sentence;
-    } catch (const qeb::CheckResultFailedException& e) {
-      EXPECT_EQ(std::get<std::string>(e.Properties().Find(qeb::kPropText)->value), c.sentence);
-    }
-  }
 }
 
 // The journals cache keeps its own count of files: the one over its capacity evicts the

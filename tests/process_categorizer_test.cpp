@@ -64,40 +64,4 @@ TEST_F(ProcessCategorizerTest, OnlyAnExactFirstCategoryMatches) {
   EXPECT_EQ(Check(u"PostgreSQL"), res::False);
 }
 
-TEST_F(ProcessCategorizerTest, HostFailuresAreTracedAndHandedBack) {
-  struct Case {
-    const char* step;
-    qeb::result_t code;
-    std::string expression;
-    std::string sentence;
-  };
-  const std::vector<Case> cases = {
-      {"lookup", res::NotFound,
-       "m_applicationProvider->GetApplicationByPath(process.m_imagePath.c_str(), application.Ref())",
-       "Failed to get application by path: "},
-      {"categorize", res::AccessDenied, "m_applicationCategorizer->CategorizeFirst(application, category.Ref())",
-       "Failed to categorize process: "},
-      {"name", res::OutOfMemory, "category->GetName(name)", "Cannot get name of category"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.step);
-    host.applications->AddApplication(ServerImage, {u"PostgreSQL"});
-    if (c.code == res::NotFound) host.applications->RemoveApplication(ServerImage);
-    if (c.code == res::AccessDenied) host.applications->FailCategorize(c.code);
-    if (c.code == res::OutOfMemory) host.applications->FailCategoryName(c.code);
-
-    EXPECT_EQ(Check(u"PostgreSQL"), c.code);
-    const std::vector<std::string> errors = host.tracer->Texts(qeb::trace::LevelError);
-    ASSERT_EQ(errors.size(), 1u);
-    EXPECT_EQ(errors[0].rfind("oas/cache_impl/process_categorizer:", 0), 0u) << errors[0];
-    const std::string tail = "(" + c.expression + "),(QEB_SUCCEEDED(_result)) failed: result = " +
-                             qeb::ResultText(c.code) + c.sentence;
-    EXPECT_TRUE(errors[0].ends_with(tail)) << errors[0];
-    for (const std::string& line : DetailLines()) EXPECT_EQ(line.find("() <- "), std::string::npos) << line;
-
-    host.applications->FailCategorize(res::Ok);
-    host.applications->FailCategoryName(res::Ok);
-  }
-}
-
 }  // namespace

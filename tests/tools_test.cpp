@@ -18,37 +18,6 @@ namespace res = qeb::res;
 
 constexpr uint32_t Pid = 4242;
 
-TEST(GetProcessInfo, EachFailingStepIsTracedAndReturned) {
-  const struct {
-    std::function<void(FakeHost&)> setUp;
-    qeb::result_t result;
-    std::string expression, sentence;
-  } cases[] = {
-      {[](FakeHost& h) { h.locator->Remove(system_interceptors::process_manager::IProcessManager::IID); },
-       res::NoInterface, "qeb::GetInterface(sl, manager.Ref())", "Cannot get IProcessManager interface"},
-      {[](FakeHost&) {}, res::NotFound, "manager->GetInformation(pid, process.Ref())",
-       "Cannot get IProcessInformation for pid: 4242"},
-      // The process ends between the lookup and the read.
-      {[](FakeHost& h) {
-         h.processManager->AddProcess(Pid, 7);
-         h.processManager->VanishAfterLookup(Pid);
-       },
-       res::NotFound, "process->GetInformation(processInfo)", "Cannot get info for pid: 4242"},
-  };
-  for (const auto& c : cases) {
-    FakeHost host;
-    c.setUp(host);
-    ProcessInfo info;
-    EXPECT_EQ(nox::tools::GetProcessInfo(host.Locator(), Pid, info), c.result);
-    const auto lines = host.tracer->Texts(qeb::trace::LevelError);
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(lines[0].rfind("nox_common/tools:", 0), 0u) << lines[0];
-    EXPECT_TRUE(lines[0].ends_with("(" + c.expression + "),(QEB_SUCCEEDED(_result)) failed: result = " +
-                                   qeb::ResultText(c.result) + c.sentence))
-        << lines[0];
-  }
-}
-
 TEST(GetProcessUserName, RootByUidAndFailuresLeaveTheNameEmpty) {
   FakeHost host;
   host.processManager->AddProcess(1, 11, 0);
