@@ -63,22 +63,6 @@ TEST(ModuleExports, OnlyTheTwoEntryPoints) {
             (std::set<std::string>{"qebCanUnloadModule", "qebCreateObject"}));
 }
 
-TEST_F(LoadedModule, CounterFollowsCreateAndRelease) {
-  EXPECT_EQ(canUnload(), 0u);
-  qeb::IObject* object = nullptr;
-  ASSERT_EQ(create(qeb::CLSID_FileInterceptor, host.Locator(), &object), 0);
-  ASSERT_NE(object, nullptr);
-  EXPECT_EQ(canUnload(), 1u);
-
-  // A second face of the same object keeps it alive after the first is released.
-  objptr_t<vrel::IFileInterceptor> face;
-  ASSERT_EQ(qeb::QueryInterface(object, face.Ref()), 0);
-  object->Release();
-  EXPECT_EQ(canUnload(), 1u);
-  face.Reset();
-  EXPECT_EQ(canUnload(), 0u);
-}
-
 TEST_F(LoadedModule, RefusesBadRequestsWithoutCreating) {
   qeb::IObject* const untouched = reinterpret_cast<qeb::IObject*>(0x1234);
   qeb::IObject* object = untouched;
@@ -89,26 +73,6 @@ TEST_F(LoadedModule, RefusesBadRequestsWithoutCreating) {
   EXPECT_LT(create(qeb::CLSID_FileInterceptor, nullptr, &object), 0);
   EXPECT_EQ(object, untouched);
   EXPECT_EQ(canUnload(), 0u);
-}
-
-TEST_F(LoadedModule, EveryRequiredServiceMissingInTurn) {
-  for (const qeb::iid_t iid : {nox::ISharesParser::IID, nox::IEventsProvider::IID,
-                               nox::IMountSubscription::IID, qeb::ITracer::IID}) {
-    FakeHost partial;
-    partial.locator->Remove(iid);
-    partial.tracer->Clear();
-    qeb::IObject* const untouched = reinterpret_cast<qeb::IObject*>(0x1234);
-    qeb::IObject* object = untouched;
-    const qeb::result_t r = create(qeb::CLSID_FileInterceptor, partial.Locator(), &object);
-    EXPECT_LT(r, 0) << std::hex << iid;
-    EXPECT_EQ(object, untouched);
-    EXPECT_EQ(canUnload(), 0u);
-    if (iid != qeb::ITracer::IID) {
-      // The failure reaches the host's tracer at error level.
-      EXPECT_EQ(partial.tracer->Texts(qeb::trace::LevelError).size(), 1u);
-      EXPECT_TRUE(partial.tracer->Contains("Can't get interface"));
-    }
-  }
 }
 
 TEST_F(LoadedModule, EveryFaceOfTheInterceptorIsReachable) {
