@@ -223,6 +223,12 @@ void FakeFormatRecognizer::RegisterWith(FakeServiceLocator& locator) {
 
 // ---- TempDir ----
 
+ReadFd::ReadFd(const std::string& path) : m_fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {}
+
+ReadFd::~ReadFd() {
+  if (m_fd >= 0) ::close(m_fd);
+}
+
 TempDir::TempDir() {
   const char* base = std::getenv("TMPDIR");
   std::string pattern = std::string(base && *base ? base : "/tmp") + "/oas-test-XXXXXX";

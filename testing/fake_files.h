@@ -97,6 +97,19 @@ class FakeFormatRecognizer : public object::Ifaces<nox::IFormatRecognizer> {
   std::shared_ptr<State> m_state;
 };
 
+// A read-only descriptor of a file, closed when it goes; Get() is -1 if the open failed.
+class ReadFd {
+ public:
+  explicit ReadFd(const std::string& path);
+  ReadFd(const ReadFd&) = delete;
+  ReadFd& operator=(const ReadFd&) = delete;
+  ~ReadFd();
+  int Get() const { return m_fd; }
+
+ private:
+  int m_fd;
+};
+
 class TempDir {
  public:
   TempDir();

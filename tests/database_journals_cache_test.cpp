@@ -219,7 +219,8 @@ TEST_F(JournalsCacheTest, RefusalsComeBeforeReadingTheFile) {
 TEST_F(JournalsCacheTest, AtItsCapacityTheLeastRecentlyUsedJournalGoes) {
   host.tracer->EnableUpTo(qeb::trace::LevelNotice);
   const std::string path = dir.Write("segment", Segment(0x6000));
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  const qeb::testing::ReadFd file(path);
+  const int fd = file.Get();
   ASSERT_GE(fd, 0);
   const auto event = [&](uint64_t ino) {
     vrel::EventParams e = Event(path, ServerPid, fd);
@@ -234,7 +235,6 @@ TEST_F(JournalsCacheTest, AtItsCapacityTheLeastRecentlyUsedJournalGoes) {
     ASSERT_EQ(cache->Add(event(ino)), res::Ok) << ino;
   ASSERT_TRUE(held(1));  // the first added becomes the most recently used
   ASSERT_EQ(cache->Add(event(DatabaseJournalsCache::MaxFiles + 1)), res::Ok);
-  ::close(fd);
   EXPECT_EQ(cache->Size(), DatabaseJournalsCache::MaxFiles);
   EXPECT_TRUE(held(1));
   EXPECT_FALSE(held(2));

@@ -25,6 +25,7 @@ using nox::oas::CleanFileInfoPid;
 using nox::oas::FileId;
 using nox::oas::TextFilesCache;
 using qeb::testing::FakeHost;
+using qeb::testing::ReadFd;
 using qeb::testing::ScopedClockOverride;
 using qeb::testing::TempDir;
 using system_interceptors::process_manager::ProcessInfo;
@@ -43,17 +44,6 @@ ProcessInfo Identity(uint64_t uniqueId) {
   return info;
 }
 
-class FdGuard {
- public:
-  explicit FdGuard(const std::string& path) : m_fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {}
-  ~FdGuard() {
-    if (m_fd >= 0) ::close(m_fd);
-  }
-  int Get() const { return m_fd; }
-
- private:
-  int m_fd;
-};
 
 class TextFilesCacheTest : public ::testing::Test {
  protected:
@@ -147,7 +137,7 @@ TEST_F(TextFilesCacheTest, AdmitsTextFilesByNameAndRemembersThem) {
 
 TEST_F(TextFilesCacheTest, AnOpenDescriptorIsReadInsteadOfTheName) {
   TextFilesCache cache(host.Locator());
-  FdGuard text(textPath);
+  ReadFd text(textPath);
   ASSERT_GE(text.Get(), 0);
   // The name now points at binary content; the descriptor still holds the text.
   EXPECT_EQ(cache.Add(Event(binaryPath, 21, 100, text.Get())), res::Ok);
@@ -193,7 +183,7 @@ TEST_F(TextFilesCacheTest, MissingHostServicesAdmitNothing) {
   host.locator->Remove(nox::IFileFactory::IID, vrel::CLSID_FileFactories);
   host.locator->Remove(nox::IFdFileFactory::IID);
   TextFilesCache cache(host.Locator());
-  FdGuard text(textPath);
+  ReadFd text(textPath);
   EXPECT_EQ(cache.Add(Event(textPath, 44)), res::False);
   EXPECT_EQ(cache.Add(Event(textPath, 45, 100, text.Get())), res::False);
   EXPECT_TRUE(host.tracer->Contains("cannot get io from filename"));
@@ -260,7 +250,7 @@ TEST_F(TextFilesCacheTest, TheLeastRecentlyLookedUpFileIsEvictedAtTheLimit) {
   // A hundred thousand detail lines would say nothing here.
   host.tracer->EnableUpTo(qeb::trace::LevelNotice);
   TextFilesCache cache(host.Locator());
-  FdGuard text(textPath);
+  ReadFd text(textPath);
   ASSERT_GE(text.Get(), 0);
   for (uint64_t ino = 1; ino <= TextFilesCache::MaxFiles; ++ino)
     ASSERT_EQ(cache.Add(Event(textPath, ino, 100, text.Get())), res::Ok) << ino;
