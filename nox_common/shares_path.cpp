@@ -28,11 +28,17 @@ SharesPathKind ClassifySharesPath(std::string_view path) noexcept {
   return SharesPathKind::Local;
 }
 
+// An excluded class of shares counts as much as a scanned one: which files it takes out
+// of scope changes as shares come and go.
 bool NeedsSharesSubscription(const nox::settings::OASSettings& settings) noexcept {
-  for (const auto& area : settings.ScanScopeWithTrustedPrograms.scan_scope)
-    if (area.use_scan_area && ClassifySharesPath(area.path) == SharesPathKind::ShareClass)
-      return true;
-  return false;
+  const auto dependsOnShares = [](const auto& areas) {
+    for (const auto& area : areas)
+      if (area.use_scan_area && ClassifySharesPath(area.path) == SharesPathKind::ShareClass)
+        return true;
+    return false;
+  };
+  const auto& scope = settings.ScanScopeWithTrustedPrograms;
+  return dependsOnShares(scope.scan_scope) || dependsOnShares(scope.excluded_from_scan_scope);
 }
 
 }  // namespace nox::tools

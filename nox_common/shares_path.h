@@ -18,7 +18,7 @@ enum class SharesPathKind {
 // that protocol; one with a host names one share; anything else is a local path.
 SharesPathKind ClassifySharesPath(std::string_view path) noexcept;
 
-// True when an enabled scan area's path denotes a class of shares.
+// True when an enabled area, scanned or excluded, denotes a class of shares.
 bool NeedsSharesSubscription(const nox::settings::OASSettings& settings) noexcept;
 
 }  // namespace nox::tools

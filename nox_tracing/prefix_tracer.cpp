@@ -17,9 +17,6 @@ constexpr size_t kLineCapacity = 512;
 // Writing behind the prefix in the inner buffer pays off only with this much room left.
 constexpr size_t kMinInPlaceRoom = 128;
 
-// Where the host tracer comes from when the module makes its prefix tracer.
-constexpr const char* kMakeSource = "nox_tracing/tracing";
-constexpr unsigned kMakeSourceLine = 107;
 
 class PrefixRecord : public object::Ifaces<ITraceRecord> {
  public:
@@ -149,14 +146,6 @@ result_t PrefixTracer::GetInnerTracer(ITracer** inner) noexcept {
   if (!inner) return res::InvalidArgument;
   *inner = objptr_t<ITracer>(m_inner).Detach();
   return res::Ok;
-}
-
-objptr_t<ITracer> MakePrefixTracer(IServiceLocator* sl, std::string_view prefix) {
-  objptr_t<ITracer> host;
-  result_t r = GetInterface(sl, 0, host.Ref());
-  if (QEB_SUCCEEDED(r) && !host) r = res::NoInterface;
-  if (QEB_FAILED(r)) throw CheckResultFailedException(kMakeSource, kMakeSourceLine, r);
-  return PrefixTracer::Create(host.Get(), prefix);
 }
 
 }  // namespace qeb::trace

@@ -6,8 +6,10 @@
 #include <cstdio>
 #include <cstring>
 
+#include "framework/qeb/exception.h"
 #include "framework/qeb/result_text.h"
 #include "framework/qeb/utf.h"
+#include "nox_tracing/prefix_tracer.h"
 
 namespace qeb::trace {
 
@@ -135,14 +137,25 @@ bool IsEnabled(ITracer* tracer, uint32_t level) noexcept {
 
 Line& CheckFailedPrefix(Line& line, const char* file, unsigned lineNo, const char* expression,
                         result_t result) noexcept {
-  return line << file << ':' << lineNo << '(' << expression << "),(" << "QEB_SUCCEEDED(_result)"
+  return line << SourceName(file) << ':' << lineNo << '(' << expression << "),(" << "QEB_SUCCEEDED(_result)"
               << ") failed: " << "result = " << AsResult(result);
 }
 
 Line& ConditionFailedPrefix(Line& line, const char* file, unsigned lineNo, const char* expression,
                             const char* resultText) noexcept {
-  return line << file << ':' << lineNo << '(' << expression << ") failed: " << "result = "
+  return line << SourceName(file) << ':' << lineNo << '(' << expression << ") failed: " << "result = "
               << resultText;
+}
+
+// Log readers find a failed lookup of the host tracer by this fixed position.
+constexpr unsigned kMakePrefixTracerLine = 107;
+
+objptr_t<ITracer> MakePrefixTracer(IServiceLocator* sl, std::string_view prefix) {
+  objptr_t<ITracer> host;
+  result_t r = GetInterface(sl, 0, host.Ref());
+  if (QEB_SUCCEEDED(r) && !host) r = res::NoInterface;
+  if (QEB_FAILED(r)) throw CheckResultFailedException(__FILE__, kMakePrefixTracerLine, r);
+  return PrefixTracer::Create(host.Get(), prefix);
 }
 
 }  // namespace qeb::trace

@@ -182,37 +182,41 @@ void CacheManager::UnregisterCollector() noexcept {
 
 bool CacheManager::IsCleanFile(const vrel::EventParams& event) noexcept {
   QEB_TRACE(m_tracer, LevelDetail) << "bool nox::oas::CacheManager::IsCleanFile(const vrel::EventParams&)";
+  // Each step names the miss its failure would be, so an exception is reported and
+  // counted like the miss the step was checking for.
+  const char* failing = kReasonMiss;
+  Verdict verdict{false, kReasonMiss};
   try {
     const FileId key = FileId::FromEvent(event);
-    Verdict verdict;
-    {
-      std::lock_guard lock(m_mutex);
-      verdict = Decide(event, key);
-    }
-    Report(key, verdict);
-    return verdict.clean;
+    std::lock_guard lock(m_mutex);
+    verdict = Decide(event, key, failing);
   } catch (...) {
     qeb::TraceCurrentException(m_tracer.Get());
-    return false;
+    verdict = {false, failing};
   }
+  Report(event, verdict);
+  return verdict.clean;
 }
 
-CacheManager::Verdict CacheManager::Decide(const vrel::EventParams& event, const FileId& key) {
+CacheManager::Verdict CacheManager::Decide(const vrel::EventParams& event, const FileId& key,
+                                           const char*& failing) {
   const Lookup found = Find(key);
   if (!found.entry) return {false, kReasonMiss};
   CleanFileInfo& entry = *found.entry;
   if (IsRemounted(key.dev, entry.addedTime)) {
+    failing = kReasonRemounted;
     static_cast<void>(found.cache->Remove(key));
     return {false, kReasonRemounted};
   }
   if (RawMonotonicNow() - entry.addedTime > MaxEntryAge) {
+    failing = kReasonExpired;
     static_cast<void>(found.cache->Remove(key));
     return {false, kReasonExpired};
   }
   ++entry.hitCount;
   // Unchanged since it was found clean: no process needs asking about it.
   if (entry.changeTime >= vrel::ToNanoseconds(event.ctime)) return {true, nullptr};
-  return CheckProcessAccess(event, found);
+  return CheckProcessAccess(event, found, failing);
 }
 
 CacheManager::Lookup CacheManager::Find(const FileId& key) {
@@ -233,7 +237,8 @@ bool CacheManager::IsRemounted(uint64_t dev, int64_t addedTime) const noexcept {
 }
 
 CacheManager::Verdict CacheManager::CheckProcessAccess(const vrel::EventParams& event,
-                                                       const Lookup& found) {
+                                                       const Lookup& found, const char*& failing) {
+  failing = kReasonNoProcessInfo;
   const uint32_t pid = static_cast<uint32_t>(event.pid);
   qeb::objptr_t<IProcessInformation> process;
   qeb::result_t result;
@@ -243,6 +248,7 @@ CacheManager::Verdict CacheManager::CheckProcessAccess(const vrel::EventParams& 
   ProcessInfo info;
   QEB_CHECK_TRACE(m_tracer, result, process->GetInformation(info)) << "Cannot get info for pid " << pid;
   if (QEB_FAILED(result)) return {false, kReasonNoProcessInfo};
+  failing = kReasonUnknownProcess;
   if (!found.entry->CheckProcess(info)) return {false, kReasonUnknownProcess};
   return AskSkipChecker(event, found, info);
 }
@@ -261,13 +267,19 @@ CacheManager::Verdict CacheManager::AskSkipChecker(const vrel::EventParams& even
   return {false, kReasonForbidden};
 }
 
-void CacheManager::Report(const FileId& key, Verdict verdict) noexcept {
+// The event's name, inode and device print exactly as its key does, and need no copy.
+void CacheManager::Report(const vrel::EventParams& event, Verdict verdict) noexcept {
+  const auto key = [&](qeb::trace::Line& line) -> qeb::trace::Line& {
+    return line << event.fileName.view() << " (ino: " << event.ino << ", dev: " << event.dev << ")";
+  };
   if (verdict.clean) {
     m_hits->Increment(1);
-    QEB_TRACE(m_tracer, LevelDetail) << "OASCache: " << key << " is clean cached file";
+    if (qeb::trace::Line line(m_tracer, LevelDetail); line)
+      key(line << "OASCache: ") << " is clean cached file";
   } else {
     m_misses->Increment(1);
-    QEB_TRACE(m_tracer, LevelDetail) << "OASCache: " << key << " needs checking (" << verdict.reason << ")";
+    if (qeb::trace::Line line(m_tracer, LevelDetail); line)
+      key(line << "OASCache: ") << " needs checking (" << verdict.reason << ")";
   }
 }
 

@@ -72,13 +72,14 @@ class CacheManager : public qeb::object::Ifaces<qeb::IObject> {
   void RegisterCollector();
   void UnregisterCollector() noexcept;
 
-  Verdict Decide(const vrel::EventParams& event, const FileId& key);
+  Verdict Decide(const vrel::EventParams& event, const FileId& key, const char*& failing);
   Lookup Find(const FileId& key);
-  Verdict CheckProcessAccess(const vrel::EventParams& event, const Lookup& found);
+  Verdict CheckProcessAccess(const vrel::EventParams& event, const Lookup& found,
+                             const char*& failing);
   Verdict AskSkipChecker(const vrel::EventParams& event, const Lookup& found,
                          const system_interceptors::process_manager::ProcessInfo& info) noexcept;
   bool IsRemounted(uint64_t dev, int64_t addedTime) const noexcept;
-  void Report(const FileId& key, Verdict verdict) noexcept;
+  void Report(const vrel::EventParams& event, Verdict verdict) noexcept;
 
   void AddMounts(ino_t mountNamespace, const nox::MountList& added);
   void RemoveMounts(ino_t mountNamespace, const nox::MountList& removed);

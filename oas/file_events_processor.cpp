@@ -127,8 +127,6 @@ void FileEventsProcessor::ResetCache(std::vector<std::unique_ptr<IFilesCache>>&&
   }
 }
 
-void FileEventsProcessor::Stop() noexcept { m_stopped.store(true); }
-
 bool FileEventsProcessor::IsDeepNested(std::string_view fileName) noexcept {
   return fileName.starts_with(DeepNestingMarker);
 }
@@ -136,7 +134,7 @@ bool FileEventsProcessor::IsDeepNested(std::string_view fileName) noexcept {
 result_t FileEventsProcessor::OnEvent(const vrel::EventParams& params) noexcept {
   QEB_TRACE(m_tracer, LevelDetail) << __PRETTY_FUNCTION__;
   try {
-    if (params.replyHandle == 0 || m_stopped.load()) return res::False;
+    if (params.replyHandle == 0) return res::False;
     const std::string fileName(params.fileName.view());
     NoteEventInHostCaches(params, fileName);
     return QueueEvent(params);
@@ -171,8 +169,8 @@ result_t FileEventsProcessor::QueueEvent(const vrel::EventParams& params) {
                                                        m_eventHandler.Get(), forceActionPass,
                                                        cacheManager.Get(), m_containersMonitor.Get());
   const result_t r = m_threadPool->AddTask(static_cast<qeb::IRunnable*>(event.Get()), 0);
-  // A refused event is answered through OnEvent's failure; its release must not answer
-  // the same file a second time.
+  // A refused event is answered through OnEvent's failure (access blocked), so it is
+  // withdrawn: its release must not answer the same file a second time.
   if (QEB_FAILED(r)) event->Withdraw();
   // Accepted or not, the pool holds whatever reference it needs from here on.
   event.Reset();

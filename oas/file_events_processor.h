@@ -6,7 +6,6 @@
 
 #include <sys/types.h>
 
-#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -47,10 +46,6 @@ class FileEventsProcessor : public qeb::object::Ifaces<nox::IFileEventsReceiver,
   void ApplySettings(const nox::settings::OASSettings& settings);
   // Swaps in a cache manager over the given caches; queued events keep the old one.
   void ResetCache(std::vector<std::unique_ptr<IFilesCache>>&& caches);
-  // Interception through this processor has ended. A provider that refused to let it go
-  // may still deliver: those events pass unscanned (1), so a file is never taken by both
-  // this processor and the one that replaced it.
-  void Stop() noexcept;
 
   // nox::IFileEventsReceiver: 1 no scan needed, 0 queued, AccessDenied on any failure.
   qeb::result_t OnEvent(const vrel::EventParams& params) noexcept override;
@@ -85,7 +80,6 @@ class FileEventsProcessor : public qeb::object::Ifaces<nox::IFileEventsReceiver,
   qeb::objptr_t<CacheManager> m_cacheManager;
   bool m_forceActionPass = false;
   ino_t m_ownMountNamespace = 0;
-  std::atomic<bool> m_stopped{false};
 };
 
 }  // namespace nox::oas

@@ -1,12 +1,15 @@
 // The library's two exported functions. Creation turns every failure, exceptions
-// included, into a result code here; the out pointer is written only on success.
+// included, into a result code here; the out pointer is written only on success. The
+// host tracer is wrapped in the module's prefix tracer once, here, for every object.
 // Whether the library may be unloaded is read from the module object counter.
 #include <exception>
 
 #include "framework/qeb/exception.h"
 #include "framework/qeb/service.h"
 #include "interfaces/qeb/module.h"
+#include "nox_tracing/prefix_tracer.h"
 #include "oas/file_interceptor.h"
+#include "oas/tracing_locator.h"
 
 namespace {
 
@@ -17,10 +20,12 @@ objptr_t<nox::oas::FileInterceptor> CreateFileInterceptor(qeb::IServiceLocator* 
   auto sharesParser = qeb::RequireInterface<nox::ISharesParser>(sl);
   auto eventsProvider = qeb::RequireInterface<nox::IEventsProvider>(sl);
   auto mountsSubscription = qeb::RequireInterface<nox::IMountSubscription>(sl);
-  auto tracer = qeb::RequireInterface<qeb::ITracer>(sl);
+  auto tracer = qeb::trace::MakePrefixTracer(sl, nox::oas::kTracePrefix);
+  auto locator = qeb::CreateObject<nox::oas::TracingLocator>(sl, tracer.Get());
   objptr_t<qeb::IAllocator> allocator;  // optional: malloc when the host gives none
   qeb::GetInterface(sl, allocator.Ref());
-  return qeb::CreateObjectWith<nox::oas::FileInterceptor>(allocator.Get(), sl, sharesParser.Get(),
+  return qeb::CreateObjectWith<nox::oas::FileInterceptor>(allocator.Get(), locator.Get(),
+                                                          sharesParser.Get(),
                                                           eventsProvider.Get(),
                                                           mountsSubscription.Get(), tracer.Get());
 }
@@ -29,6 +34,11 @@ objptr_t<nox::oas::FileInterceptor> CreateFileInterceptor(qeb::IServiceLocator* 
 result_t ReportCreationFailure(qeb::IServiceLocator* sl) noexcept {
   objptr_t<qeb::ITracer> tracer;
   qeb::GetInterface(sl, tracer.Ref());
+  try {
+    tracer = qeb::trace::PrefixTracer::Create(tracer.Get(), nox::oas::kTracePrefix);
+  } catch (...) {
+    // Without the wrapper the line still goes out, unprefixed.
+  }
   return qeb::TraceCurrentException(tracer.Get());
 }
 

@@ -21,17 +21,6 @@ void AnswerLedger::Record(uint64_t cookie, result_t answer) {
   m_answers[cookie] = answer;
 }
 
-size_t AnswerLedger::Deliveries() const {
-  std::lock_guard lock(m_mutex);
-  return m_answers.size();
-}
-
-size_t AnswerLedger::Taken() const {
-  std::lock_guard lock(m_mutex);
-  return static_cast<size_t>(std::count_if(m_answers.begin(), m_answers.end(),
-                                           [](const auto& a) { return a.second == res::Ok; }));
-}
-
 std::map<result_t, size_t> AnswerLedger::AnswerCounts() const {
   std::map<result_t, size_t> counts;
   std::lock_guard lock(m_mutex);

@@ -22,8 +22,6 @@ class AnswerLedger {
   uint64_t NextCookie() noexcept { return m_nextCookie.fetch_add(1) + 1; }
   void Record(uint64_t cookie, result_t answer);
 
-  size_t Deliveries() const;
-  size_t Taken() const;  // answered 0: the module owes a verdict
   // How many deliveries got each answer.
   std::map<result_t, size_t> AnswerCounts() const;
 

@@ -42,8 +42,13 @@ result_t CapturingTracer::CommitRecord(ITraceRecord* record, const char* text,
                                        size_t length) noexcept {
   if (!record) return res::InvalidArgument;
   const uint32_t level = static_cast<Record*>(record)->Level();
-  std::lock_guard lock(m_mutex);
-  m_lines.push_back({level, std::string(text, length)});
+  std::function<void(std::string_view)> hook;
+  {
+    std::lock_guard lock(m_mutex);
+    m_lines.push_back({level, std::string(text, length)});
+    hook = m_hook;
+  }
+  if (hook) hook(std::string_view(text, length));
   return res::Ok;
 }
 
@@ -58,6 +63,11 @@ void CapturingTracer::Enable(uint32_t level, bool on) {
   std::lock_guard lock(m_mutex);
   (on ? m_forcedOff : m_forcedOn).erase(level);
   (on ? m_forcedOn : m_forcedOff).insert(level);
+}
+
+void CapturingTracer::OnLine(std::function<void(std::string_view)> hook) {
+  std::lock_guard lock(m_mutex);
+  m_hook = std::move(hook);
 }
 
 void CapturingTracer::FailRecords(result_t code) {

@@ -2,6 +2,7 @@
 // switched on and off one by one or up to a ceiling; lines carry their level.
 #pragma once
 
+#include <functional>
 #include <mutex>
 #include <set>
 #include <string>
@@ -26,6 +27,8 @@ class CapturingTracer : public object::Ifaces<ITracer> {
   // Every level up to and including ceiling is on (the default ceiling is 800).
   void EnableUpTo(uint32_t ceiling);
   void Enable(uint32_t level, bool on);
+  // Runs on the writing thread with each committed line, outside the tracer's lock.
+  void OnLine(std::function<void(std::string_view)> hook);
   // CreateRecord answers this code (a failure switches tracing off altogether).
   void FailRecords(result_t code);
 
@@ -48,6 +51,7 @@ class CapturingTracer : public object::Ifaces<ITracer> {
   result_t m_recordResult = 0;
   size_t m_requests = 0;
   std::vector<TraceLine> m_lines;
+  std::function<void(std::string_view)> m_hook;
 };
 
 }  // namespace qeb::testing

@@ -15,11 +15,8 @@ namespace qeb::testing {
 struct FakeApplicationCatalog::State {
   mutable std::mutex mutex;
   std::map<std::string, std::vector<std::u16string>> applications;
-  result_t getApplicationFailure = res::Ok;
   result_t categorizeFailure = res::Ok;
   result_t nameFailure = res::Ok;
-  size_t lookups = 0;
-  size_t categorizations = 0;
 };
 
 namespace {
@@ -79,8 +76,6 @@ result_t FakeApplicationCatalog::GetApplicationByPath(const char* path,
   OAS_FAULT_POINT("application provider GetApplicationByPath");
   try {
     std::lock_guard lock(m_state->mutex);
-    ++m_state->lookups;
-    if (QEB_FAILED(m_state->getApplicationFailure)) return m_state->getApplicationFailure;
     if (!m_state->applications.count(path)) return res::NotFound;
     *application = MakeHostObject<FakeApplication>(path).Detach();
     return res::Ok;
@@ -99,7 +94,6 @@ result_t FakeApplicationCatalog::CategorizeFirst(nox::IApplication* application,
     const result_t r = application->GetPath(path);
     if (QEB_FAILED(r)) return r;
     std::lock_guard lock(m_state->mutex);
-    ++m_state->categorizations;
     if (QEB_FAILED(m_state->categorizeFailure)) return m_state->categorizeFailure;
     const auto it = m_state->applications.find(path);
     if (it == m_state->applications.end()) return res::NotFound;
@@ -122,11 +116,6 @@ void FakeApplicationCatalog::RemoveApplication(const std::string& imagePath) {
   m_state->applications.erase(imagePath);
 }
 
-void FakeApplicationCatalog::FailGetApplication(result_t code) {
-  std::lock_guard lock(m_state->mutex);
-  m_state->getApplicationFailure = code;
-}
-
 void FakeApplicationCatalog::FailCategorize(result_t code) {
   std::lock_guard lock(m_state->mutex);
   m_state->categorizeFailure = code;
@@ -135,16 +124,6 @@ void FakeApplicationCatalog::FailCategorize(result_t code) {
 void FakeApplicationCatalog::FailCategoryName(result_t code) {
   std::lock_guard lock(m_state->mutex);
   m_state->nameFailure = code;
-}
-
-size_t FakeApplicationCatalog::ApplicationLookups() const {
-  std::lock_guard lock(m_state->mutex);
-  return m_state->lookups;
-}
-
-size_t FakeApplicationCatalog::Categorizations() const {
-  std::lock_guard lock(m_state->mutex);
-  return m_state->categorizations;
 }
 
 void FakeApplicationCatalog::RegisterWith(FakeServiceLocator& locator) {

@@ -29,12 +29,9 @@ class FakeApplicationCatalog
   void RemoveApplication(const std::string& imagePath);
 
   // Each step answers code until restored with res::Ok.
-  void FailGetApplication(result_t code);
   void FailCategorize(result_t code);
   void FailCategoryName(result_t code);
 
-  size_t ApplicationLookups() const;
-  size_t Categorizations() const;
 
   // As IApplicationProvider and IApplicationCategorizer under key 0.
   void RegisterWith(FakeServiceLocator& locator);

@@ -17,7 +17,6 @@ class FakeContainersMonitor : public object::Ifaces<nox::containers::IContainers
                              nox::containers::ContainerDescription& description) noexcept override {
     OAS_FAULT_POINT("containers monitor DescribeNamespace");
     std::lock_guard lock(m_mutex);
-    ++m_requests;
     auto it = m_containers.find(mountNamespace);
     if (it == m_containers.end()) return res::NotFound;
     description = it->second;
@@ -28,15 +27,10 @@ class FakeContainersMonitor : public object::Ifaces<nox::containers::IContainers
     std::lock_guard lock(m_mutex);
     m_containers[mountNamespace] = std::move(description);
   }
-  size_t Requests() const {
-    std::lock_guard lock(m_mutex);
-    return m_requests;
-  }
 
  private:
   mutable std::mutex m_mutex;
   std::map<uint64_t, nox::containers::ContainerDescription> m_containers;
-  size_t m_requests = 0;
 };
 
 }  // namespace qeb::testing

@@ -9,6 +9,9 @@ namespace qeb::testing {
 result_t FakeEventsProvider::Subscribe(nox::IFileEventsReceiver* receiver,
                                        const nox::FileEventsSubscription& subscription) noexcept {
   OAS_FAULT_POINT("events provider Subscribe");
+  // Like oasd's provider, one receiver at a time: a second is refused while the first
+  // is held, so no event is ever offered to two receivers.
+  if (m_receivers.Count() != 0) return res::InvalidState;
   const result_t r = m_receivers.Add(receiver);
   if (QEB_SUCCEEDED(r)) {
     std::lock_guard lock(m_mutex);

@@ -1,5 +1,5 @@
-// The fake file-events provider: records receivers with their subscription records and
-// delivers events to every receiver, from whichever thread the test calls it on.
+// The fake file-events provider: holds one receiver at a time with its subscription
+// records and delivers events to it, from whichever thread the test calls it on.
 #pragma once
 
 #include <mutex>
@@ -19,7 +19,7 @@ class FakeEventsProvider : public object::Ifaces<nox::IEventsProvider> {
                        const nox::FileEventsSubscription& subscription) noexcept override;
   result_t Unsubscribe(nox::IFileEventsReceiver* receiver) noexcept override;
 
-  // Delivers to every receiver; answers what the last one answered (res::NotFound with none).
+  // Delivers to the receiver; answers what it answered (res::NotFound with none).
   result_t Deliver(const vrel::EventParams& params);
 
   void RefuseResubscribe(result_t code);

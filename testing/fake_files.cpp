@@ -95,11 +95,6 @@ result_t FakeFileFactory::GetIO(int fd, IIO** io) noexcept {
   return res::Ok;
 }
 
-void FakeFileFactory::FailByName(result_t code) {
-  std::lock_guard lock(m_mutex);
-  m_nameFailure = code;
-}
-
 void FakeFileFactory::FailByFd(result_t code) {
   std::lock_guard lock(m_mutex);
   m_fdFailure = code;
@@ -227,6 +222,12 @@ void FakeFormatRecognizer::RegisterWith(FakeServiceLocator& locator) {
 }
 
 // ---- TempDir ----
+
+ReadFd::ReadFd(const std::string& path) : m_fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {}
+
+ReadFd::~ReadFd() {
+  if (m_fd >= 0) ::close(m_fd);
+}
 
 TempDir::TempDir() {
   const char* base = std::getenv("TMPDIR");

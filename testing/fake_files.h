@@ -48,8 +48,6 @@ class FakeFileFactory : public object::Ifaces<nox::IFileFactory, nox::IFdFileFac
                       io_disposition disposition, uint32_t flags, IIO** io) noexcept override;
   result_t GetIO(int fd, IIO** io) noexcept override;
 
-  // The next opens answer code until restored with res::Ok.
-  void FailByName(result_t code);
   void FailByFd(result_t code);
 
   size_t OpenedByName() const;  // successful opens
@@ -97,6 +95,19 @@ class FakeFormatRecognizer : public object::Ifaces<nox::IFormatRecognizer> {
 
  private:
   std::shared_ptr<State> m_state;
+};
+
+// A read-only descriptor of a file, closed when it goes; Get() is -1 if the open failed.
+class ReadFd {
+ public:
+  explicit ReadFd(const std::string& path);
+  ReadFd(const ReadFd&) = delete;
+  ReadFd& operator=(const ReadFd&) = delete;
+  ~ReadFd();
+  int Get() const { return m_fd; }
+
+ private:
+  int m_fd;
 };
 
 class TempDir {

@@ -27,7 +27,6 @@ result_t FakeMetricsFactory::Create(std::map<std::string, objptr_t<Fake>>& made,
                                     I** out) noexcept {
   if (!name || !out) return res::InvalidArgument;
   std::lock_guard lock(m_mutex);
-  if (QEB_FAILED(m_creationResult)) return m_creationResult;
   auto created = MakeHostObject<Fake>();
   made[name] = created;
   *out = created.Detach();
@@ -43,11 +42,6 @@ result_t FakeMetricsFactory::CreateCounter(const char* name, const char*,
 result_t FakeMetricsFactory::CreateGauge(const char* name, const char*, monitoring::IGauge** gauge) noexcept {
   OAS_FAULT_POINT("metrics factory CreateGauge");
   return Create(m_gauges, name, gauge);
-}
-
-void FakeMetricsFactory::FailCreation(result_t code) {
-  std::lock_guard lock(m_mutex);
-  m_creationResult = code;
 }
 
 std::optional<uint64_t> FakeMetricsFactory::Counter(const std::string& name) const {
@@ -69,7 +63,6 @@ result_t FakeMetricsRegistry::Register(qeb::telemetry::IMetricsCollector* collec
   if (!collector || !handle) return res::InvalidArgument;
   OAS_FAULT_POINT("metrics registry Register");
   std::lock_guard lock(m_mutex);
-  if (QEB_FAILED(m_registerResult)) return m_registerResult;
   *handle = m_nextHandle++;
   m_collectors[*handle] = objptr_t<qeb::telemetry::IMetricsCollector>(collector);
   return res::Ok;
@@ -99,11 +92,6 @@ void FakeMetricsRegistry::DropAll() {
   std::map<uint64_t, objptr_t<qeb::telemetry::IMetricsCollector>> dropped;
   std::lock_guard lock(m_mutex);
   dropped.swap(m_collectors);
-}
-
-void FakeMetricsRegistry::FailRegistration(result_t code) {
-  std::lock_guard lock(m_mutex);
-  m_registerResult = code;
 }
 
 size_t FakeMetricsRegistry::Collect() {

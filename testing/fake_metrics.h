@@ -1,6 +1,6 @@
 // The fake metrics host: a factory whose counters and gauges keep their values for tests
 // to read by name, and a registry that holds collectors until unregistered, runs them
-// when the test asks, and logs every unregistration. Either can be told to fail.
+// when the test asks, and logs every unregistration. Failures come through fault points.
 #pragma once
 
 #include <atomic>
@@ -42,8 +42,6 @@ class FakeMetricsFactory : public object::Ifaces<monitoring::IMetricsFactory> {
   result_t CreateGauge(const char* name, const char* description,
                        monitoring::IGauge** gauge) noexcept override;
 
-  // Every later creation answers code (Ok restores).
-  void FailCreation(result_t code);
   // Values of metrics created under that name; nothing when none was.
   std::optional<uint64_t> Counter(const std::string& name) const;
   std::optional<int64_t> Gauge(const std::string& name) const;
@@ -55,7 +53,6 @@ class FakeMetricsFactory : public object::Ifaces<monitoring::IMetricsFactory> {
   mutable std::mutex m_mutex;
   std::map<std::string, objptr_t<FakeCounter>> m_counters;
   std::map<std::string, objptr_t<FakeGauge>> m_gauges;
-  result_t m_creationResult = res::Ok;
 };
 
 class FakeMetricsRegistry : public object::Ifaces<qeb::telemetry::IMetricsRegistry> {
@@ -63,7 +60,6 @@ class FakeMetricsRegistry : public object::Ifaces<qeb::telemetry::IMetricsRegist
   result_t Register(qeb::telemetry::IMetricsCollector* collector, uint64_t* handle) noexcept override;
   result_t Unregister(uint64_t handle) noexcept override;
 
-  void FailRegistration(result_t code);
   // Lets go of every collector still registered, as a registry that stops does.
   void DropAll();
   // Runs every registered collector, outside the registry's lock; answers how many ran.
@@ -78,7 +74,6 @@ class FakeMetricsRegistry : public object::Ifaces<qeb::telemetry::IMetricsRegist
   std::map<uint64_t, objptr_t<qeb::telemetry::IMetricsCollector>> m_collectors;
   std::vector<uint64_t> m_unregistered;
   std::function<void(uint64_t)> m_hook;
-  result_t m_registerResult = res::Ok;
   uint64_t m_nextHandle = 1;
 };
 

@@ -84,11 +84,6 @@ void FakeProcessManager::AddProcess(uint32_t pid, uint64_t uniqueId, uint32_t ui
   AddProcess(info);
 }
 
-void FakeProcessManager::RemoveProcess(uint32_t pid) {
-  std::lock_guard lock(m_table->mutex);
-  m_table->processes.erase(pid);
-}
-
 void FakeProcessManager::FailLookup(uint32_t pid, result_t code) {
   std::lock_guard lock(m_table->mutex);
   m_table->lookupFailures[pid] = code;

@@ -29,7 +29,6 @@ class FakeProcessManager
   void AddProcess(const ProcessInfo& info);
   // Convenience: a process with this pid, identity and owner.
   void AddProcess(uint32_t pid, uint64_t uniqueId, uint32_t uid = 0);
-  void RemoveProcess(uint32_t pid);
 
   // The manager's lookup of pid answers code (until RestorePid).
   void FailLookup(uint32_t pid, result_t code);

@@ -83,7 +83,6 @@ result_t FakeScanner::Handle(vrel::IEvent085* event, uint32_t context, bool noti
     }
     std::lock_guard lock(m_mutex);
     m_calls.push_back(std::move(call));
-    m_called.notify_all();
     return result;
   } catch (...) {
     return CurrentExceptionToResult();
@@ -103,16 +102,6 @@ void FakeScanner::SetChooser(std::function<ScannerScript(vrel::IEvent085*)> choo
 std::vector<ScannerCall> FakeScanner::Calls() const {
   std::lock_guard lock(m_mutex);
   return m_calls;
-}
-
-void FakeScanner::WaitForCalls(size_t count) const {
-  std::unique_lock lock(m_mutex);
-  m_called.wait(lock, [&] { return m_calls.size() >= count; });
-}
-
-size_t FakeScanner::KeptCount() const {
-  std::lock_guard lock(m_mutex);
-  return m_kept.size();
 }
 
 size_t FakeScanner::ReplyLate() {

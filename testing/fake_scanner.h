@@ -67,8 +67,6 @@ class FakeScanner : public object::Ifaces<vrel::IEventHandler085> {
   void SetChooser(std::function<ScannerScript(vrel::IEvent085*)> chooser);
 
   std::vector<ScannerCall> Calls() const;
-  void WaitForCalls(size_t count) const;
-  size_t KeptCount() const;
   // Drops the references kept for events never answered.
   void ReleaseKept();
   // Answers the events kept by ReplyLater, then lets them go; answers how many there were.
@@ -80,7 +78,6 @@ class FakeScanner : public object::Ifaces<vrel::IEventHandler085> {
   void Answer(vrel::IEvent085* event, const ScannerScript& script, ScannerCall& call);
 
   mutable std::mutex m_mutex;
-  mutable std::condition_variable m_called;
   ScannerScript m_script;
   std::function<ScannerScript(vrel::IEvent085*)> m_chooser;
   std::vector<ScannerCall> m_calls;

@@ -44,7 +44,6 @@ class FakeTaskManager : public object::Ifaces<nox::INoxTaskManager> {
     OAS_FAULT_POINT("task manager FillTaskInfo");
     std::lock_guard lock(m_mutex);
     m_fillUsers.emplace_back(userName ? userName : u"");
-    if (QEB_FAILED(m_fillFailure)) return m_fillFailure;
     event.taskName = TaskName;
     event.taskId = TaskId;
     return res::Ok;
@@ -53,10 +52,6 @@ class FakeTaskManager : public object::Ifaces<nox::INoxTaskManager> {
   void FailRefresh(result_t code) {
     std::lock_guard lock(m_mutex);
     m_refreshFailure = code;
-  }
-  void FailFill(result_t code) {
-    std::lock_guard lock(m_mutex);
-    m_fillFailure = code;
   }
   std::vector<std::u16string> Refreshed() const {
     std::lock_guard lock(m_mutex);
@@ -72,7 +67,6 @@ class FakeTaskManager : public object::Ifaces<nox::INoxTaskManager> {
   std::vector<std::u16string> m_refreshed;
   std::vector<std::u16string> m_fillUsers;
   result_t m_refreshFailure = res::Ok;
-  result_t m_fillFailure = res::Ok;
   std::function<void()> m_onRefresh;
 };
 

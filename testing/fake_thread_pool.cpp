@@ -85,7 +85,6 @@ result_t FakeThreadPoolFactory::CreateThreadPool(const ThreadPoolParams& params,
   *pool = nullptr;
   OAS_FAULT_POINT("thread pool factory CreateThreadPool");
   std::lock_guard lock(m_mutex);
-  m_requests.push_back(params);
   if (QEB_FAILED(m_failure)) return m_failure;
   auto created = MakeHostObject<FakeThreadPool>(params);
   created->Refuse(m_refusal);
@@ -102,11 +101,6 @@ void FakeThreadPoolFactory::Fail(result_t code) {
 void FakeThreadPoolFactory::RefuseTasks(result_t code) {
   std::lock_guard lock(m_mutex);
   m_refusal = code;
-}
-
-std::vector<ThreadPoolParams> FakeThreadPoolFactory::Requests() const {
-  std::lock_guard lock(m_mutex);
-  return m_requests;
 }
 
 objptr_t<FakeThreadPool> FakeThreadPoolFactory::LastPool() const {

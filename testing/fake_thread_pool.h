@@ -54,7 +54,6 @@ class FakeThreadPoolFactory : public object::Ifaces<IThreadPoolFactory> {
   void Fail(result_t code);
   // Pools made from now on refuse every task with code.
   void RefuseTasks(result_t code);
-  std::vector<ThreadPoolParams> Requests() const;
   // The most recently created pool, or null.
   objptr_t<FakeThreadPool> LastPool() const;
 
@@ -62,7 +61,6 @@ class FakeThreadPoolFactory : public object::Ifaces<IThreadPoolFactory> {
   mutable std::mutex m_mutex;
   result_t m_failure = res::Ok;
   result_t m_refusal = res::Ok;
-  std::vector<ThreadPoolParams> m_requests;
   objptr_t<FakeThreadPool> m_lastPool;
 };
 

@@ -21,7 +21,6 @@ result_t FakeTimer::SetTimer(ITimerCallback* callback, timer_duration_t timeout)
   objptr_t<ITimerCallback> previous;
   std::lock_guard lock(m_mutex);
   Remember(m_arms, TimerArm{callback, timeout});
-  if (QEB_FAILED(m_armFailure)) return m_armFailure;
   auto& slot = m_armed[callback];
   previous = std::exchange(slot, objptr_t<ITimerCallback>(callback));
   m_timeouts[callback] = timeout;
@@ -51,7 +50,6 @@ result_t FakeTimer::CancelTimer(ITimerCallback* callback) noexcept {
   OAS_FAULT_POINT("timer CancelTimer");
   objptr_t<ITimerCallback> removed;
   std::unique_lock lock(m_mutex);
-  Remember(m_cancels, static_cast<const ITimerCallback*>(callback));
   auto it = m_armed.find(callback);
   const bool wasArmed = it != m_armed.end();
   if (wasArmed) {
@@ -90,11 +88,6 @@ void FakeTimer::DisarmAll() {
   m_timeouts.clear();
 }
 
-void FakeTimer::FailArming(result_t code) {
-  std::lock_guard lock(m_mutex);
-  m_armFailure = code;
-}
-
 size_t FakeTimer::ArmedCount() const {
   std::lock_guard lock(m_mutex);
   return m_armed.size();
@@ -103,11 +96,6 @@ size_t FakeTimer::ArmedCount() const {
 std::vector<TimerArm> FakeTimer::Arms() const {
   std::lock_guard lock(m_mutex);
   return {m_arms.begin(), m_arms.end()};
-}
-
-std::vector<const ITimerCallback*> FakeTimer::Cancels() const {
-  std::lock_guard lock(m_mutex);
-  return {m_cancels.begin(), m_cancels.end()};
 }
 
 }  // namespace qeb::testing

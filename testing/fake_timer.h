@@ -33,15 +33,12 @@ class FakeTimer : public object::Ifaces<ITimerService> {
   size_t FireAll();
   // Disarms everything without firing, as a timer service that stops does.
   void DisarmAll();
-  // SetTimer answers code from now on (0 to arm again).
-  void FailArming(result_t code);
 
   // The history keeps the most recent calls only.
   static constexpr size_t HistoryLength = 4096;
 
   size_t ArmedCount() const;
   std::vector<TimerArm> Arms() const;  // SetTimer calls, in order
-  std::vector<const ITimerCallback*> Cancels() const;
 
  private:
   mutable std::mutex m_mutex;
@@ -50,8 +47,6 @@ class FakeTimer : public object::Ifaces<ITimerService> {
   std::map<const ITimerCallback*, timer_duration_t> m_timeouts;
   std::map<const ITimerCallback*, size_t> m_inFlight;
   std::deque<TimerArm> m_arms;
-  std::deque<const ITimerCallback*> m_cancels;
-  result_t m_armFailure = res::Ok;
 };
 
 }  // namespace qeb::testing

@@ -9,6 +9,12 @@ namespace qeb::testing {
 result_t VerdictLog::Record(uint32_t verdict, const vrel::EventParams& params,
                             std::optional<vrel::ReplyKey> key) {
   const result_t fault = FaultPoint("verdict notifier SetVerdict");
+  std::function<void(const vrel::EventParams&, uint32_t)> hook;
+  {
+    std::lock_guard lock(m_mutex);
+    hook = m_hook;
+  }
+  if (hook) hook(params, verdict);
   std::lock_guard lock(m_mutex);
   const result_t refusal = QEB_FAILED(fault) ? fault : m_failure;
   if (QEB_FAILED(refusal)) {
@@ -18,6 +24,11 @@ result_t VerdictLog::Record(uint32_t verdict, const vrel::EventParams& params,
   m_verdicts.push_back({verdict, params.cookie, key});
   m_delivered.notify_all();
   return res::Ok;
+}
+
+void VerdictLog::OnDelivery(std::function<void(const vrel::EventParams&, uint32_t)> hook) {
+  std::lock_guard lock(m_mutex);
+  m_hook = std::move(hook);
 }
 
 void VerdictLog::Fail(result_t code) {

@@ -5,6 +5,7 @@
 
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -32,6 +33,9 @@ class VerdictLog {
   std::map<uint64_t, size_t> CountsByCookie() const;
   // Blocks until at least count verdicts were delivered.
   void WaitFor(size_t count) const;
+  // Runs on the delivering thread before each verdict is taken, as a slow interception
+  // layer would keep the caller there; tests hold deliveries or look around with it.
+  void OnDelivery(std::function<void(const vrel::EventParams&, uint32_t)> hook);
 
  protected:
   result_t Record(uint32_t verdict, const vrel::EventParams& params,
@@ -43,6 +47,7 @@ class VerdictLog {
   std::vector<DeliveredVerdict> m_verdicts;
   std::vector<uint64_t> m_refused;
   result_t m_failure = res::Ok;
+  std::function<void(const vrel::EventParams&, uint32_t)> m_hook;
 };
 
 class FakeVerdictNotifier : public object::Ifaces<vrel::IFileVerdictNotifier>, public VerdictLog {

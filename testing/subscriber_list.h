@@ -4,6 +4,7 @@
 #pragma once
 
 #include <algorithm>
+#include <functional>
 #include <mutex>
 #include <vector>
 
@@ -15,8 +16,13 @@ template <class I>
 class SubscriberList {
  public:
   result_t Add(I* subscriber) {
+    std::function<void()> hook;
+    {
+      std::lock_guard lock(m_mutex);
+      hook = m_onSubscribe;
+    }
+    if (hook) hook();
     std::lock_guard lock(m_mutex);
-    ++m_subscribeCalls;
     if (QEB_FAILED(m_refusal)) return m_refusal;
     if (!subscriber) return res::InvalidArgument;
     m_subscribers.emplace_back(subscriber);
@@ -26,7 +32,6 @@ class SubscriberList {
   result_t Remove(I* subscriber) {
     objptr_t<I> removed;
     std::lock_guard lock(m_mutex);
-    ++m_unsubscribeCalls;
     auto it = std::find_if(m_subscribers.begin(), m_subscribers.end(),
                            [&](const objptr_t<I>& s) { return s.Get() == subscriber; });
     if (it == m_subscribers.end()) return res::NotFound;
@@ -40,6 +45,12 @@ class SubscriberList {
     std::vector<objptr_t<I>> dropped;
     std::lock_guard lock(m_mutex);
     dropped.swap(m_subscribers);
+  }
+
+  // Runs on the subscribing thread at each subscribe call, before it is answered.
+  void OnSubscribe(std::function<void()> hook) {
+    std::lock_guard lock(m_mutex);
+    m_onSubscribe = std::move(hook);
   }
 
   // Subscribe calls answer code from now on (0 to accept again).
@@ -56,21 +67,12 @@ class SubscriberList {
     std::lock_guard lock(m_mutex);
     return m_subscribers.size();
   }
-  size_t SubscribeCalls() const {
-    std::lock_guard lock(m_mutex);
-    return m_subscribeCalls;
-  }
-  size_t UnsubscribeCalls() const {
-    std::lock_guard lock(m_mutex);
-    return m_unsubscribeCalls;
-  }
 
  private:
   mutable std::mutex m_mutex;
   std::vector<objptr_t<I>> m_subscribers;
   result_t m_refusal = res::Ok;
-  size_t m_subscribeCalls = 0;
-  size_t m_unsubscribeCalls = 0;
+  std::function<void()> m_onSubscribe;
 };
 
 }  // namespace qeb::testing

@@ -58,7 +58,7 @@ class ScanPath : public ::testing::Test {
   void ExpectFailedCheck(const std::string& condition, const std::string& sentence) {
     const auto errors = m_tracer->Texts(qeb::trace::LevelError);
     ASSERT_EQ(errors.size(), 1u);
-    EXPECT_EQ(errors[0].rfind("nox_common/container_identification_tools.cpp:", 0), 0u);
+    EXPECT_EQ(errors[0].rfind("nox_common/container_identification_tools:", 0), 0u);
     const std::string tail = "(" + condition + ") failed: result = false" + sentence;
     EXPECT_TRUE(errors[0].ends_with(tail)) << errors[0];
     m_tracer->Clear();

@@ -1,19 +1,11 @@
 // The journals cache against synthetic segments on disk (every size and header fault the
-// recogniser must tell apart), the fake host's process and application services, and a
-// real database server's own journals. The server test is skipped where the server is
-// not installed or the test cannot switch to its account.
+// recogniser must tell apart), the fake host's process and application services, its
+// capacity and a failing insert.
 #include <fcntl.h>
-#include <pwd.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <functional>
-#include <random>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -21,15 +13,13 @@
 
 #include "framework/qeb/exception.h"
 #include "framework/qeb/result_text.h"
-#include "oas/cache_impl/cache_list.h"
 #include "oas/cache_impl/database_journals_cache.h"
-#include "oas/cache_impl/text_files_cache.h"
+#include "testing/failing_allocation.h"
 #include "testing/fake_host.h"
 #include "testing/scoped_clock_override.h"
 
 namespace {
 
-namespace fs = std::filesystem;
 namespace res = qeb::res;
 using nox::oas::DatabaseJournalsCache;
 using qeb::testing::FakeHost;
@@ -107,7 +97,7 @@ class JournalsCacheTest : public ::testing::Test {
   // The last error line is this file's failed-check line for expression and result.
   void ExpectCheckLine(const std::string& expression, qeb::result_t r, const std::string& sentence) const {
     const std::string line = LastError();
-    EXPECT_EQ(line.rfind("oas/cache_impl/database_journals_cache.cpp:", 0), 0u) << line;
+    EXPECT_EQ(line.rfind("oas/cache_impl/database_journals_cache:", 0), 0u) << line;
     EXPECT_TRUE(line.ends_with("(" + expression + "),(QEB_SUCCEEDED(_result)) failed: result = " +
                                qeb::ResultText(r) + sentence))
         << line;
@@ -167,37 +157,6 @@ TEST_F(JournalsCacheTest, PageAddressesMustStartAtASegmentAndGrowByOnePage) {
   EXPECT_EQ(LastDetail(), std::string(Refused) + "Not a WAL file, wrong incremental number: 32");
 }
 
-TEST_F(JournalsCacheTest, OpenDescriptorIsReadEvenAfterTheNameVanished) {
-  const std::string path = dir.Write("000000010000000000000007", Segment(0x6000));
-  const int fd = ::open(path.c_str(), O_RDONLY);
-  ASSERT_GE(fd, 0);
-  ASSERT_EQ(::unlink(path.c_str()), 0);
-  EXPECT_EQ(cache->Add(Event(path, ServerPid, fd)), res::Ok);
-  EXPECT_EQ(host.fileFactory->OpenedByFd(), 1u);
-  EXPECT_EQ(host.fileFactory->OpenedByName(), 0u);
-
-  // By name the vanished file cannot be opened: nothing is added.
-  ASSERT_EQ(cache->Clear(), res::Ok);
-  const qeb::result_t r = cache->Add(Event(path));
-  EXPECT_TRUE(QEB_FAILED(r));
-  EXPECT_EQ(cache->Size(), 0u);
-  ExpectCheckLine("m_filenameFileFactory->CreateFile( path.c_str(), qeb::io_access_mode::Read, "
-                  "qeb::io_share_mode::Read, qeb::io_disposition::OpenIfExist, 0, io.Ref())",
-                  r, "cannot get io from filename");
-  host.fileFactory->FailByFd(res::AccessDenied);
-  EXPECT_EQ(cache->IsWalFile(Event(path, ServerPid, fd)), res::AccessDenied);
-  ExpectCheckLine("m_fdFileFactory->GetIO(event.fd, io.Ref())", res::AccessDenied, "cannot get io from open fd");
-  ::close(fd);
-
-  // A descriptor that cannot be read (a directory) fails the first read.
-  host.fileFactory->FailByFd(res::Ok);
-  const int dirFd = ::open(dir.Path().c_str(), O_RDONLY | O_DIRECTORY);
-  const qeb::result_t readFailure = cache->IsWalFile(Event(dir.Path(), ServerPid, dirFd));
-  ::close(dirFd);
-  EXPECT_TRUE(QEB_FAILED(readFailure));
-  ExpectCheckLine("io->Read(buf, sizeof(buf), read)", readFailure, "Cannot read file");
-}
-
 TEST_F(JournalsCacheTest, AddRecordsAServerJournalAndRefreshesItLater) {
   const std::string path = dir.Write("segment", Segment(0x6000));
   EXPECT_EQ(cache->Add(Event(path)), res::Ok);
@@ -255,152 +214,45 @@ TEST_F(JournalsCacheTest, RefusalsComeBeforeReadingTheFile) {
   EXPECT_EQ(cache->Size(), 0u);
 }
 
-TEST(JournalsCacheConstruction, EachMissingServiceIsNamed) {
-  const struct {
-    qeb::iid_t iid;
-    uint32_t key;
-    std::string sentence;
-  } cases[] = {
-      {system_interceptors::process_manager::IProcessManager::IID, 0,
-       "Cannot get system_interceptors::process_manager::IProcessManager"},
-      {nox::IFileFactory::IID, vrel::CLSID_FileFactories, "Cannot get IFileFactory interface"},
-      {nox::IFdFileFactory::IID, 0, "Cannot get IFdFileFactory interface"},
-      {nox::IApplicationProvider::IID, 0, "Cannot get IApplicationProvider interface"}};
-  for (const auto& c : cases) {
-    FakeHost host;
-    host.locator->Remove(c.iid, c.key);
-    try {
-      DatabaseJournalsCache cache(host.Locator());
-      ADD_FAILURE() << c.sentence;
-    } catch (const qeb::CheckResultFailedException& e) {
-      EXPECT_EQ(std::get<std::string>(e.Properties().Find(qeb::kPropText)->value), c.sentence);
-    }
-  }
-}
-
-TEST(JournalsCacheConstruction, BuiltAfterTheTextCacheWhenEnabled) {
-  FakeHost host;
-  nox::settings::OASSettings settings;
-  settings.skipDatabaseJournals = true;
-  auto caches = nox::oas::BuildCacheList(host.Locator(), settings);
-  ASSERT_EQ(caches.size(), 1u);
-  EXPECT_TRUE(dynamic_cast<DatabaseJournalsCache*>(caches[0].get()));
-  settings.skipPlainTextFiles = true;
-  caches = nox::oas::BuildCacheList(host.Locator(), settings);
-  ASSERT_EQ(caches.size(), 2u);
-  EXPECT_TRUE(dynamic_cast<nox::oas::TextFilesCache*>(caches[0].get()));
-  EXPECT_TRUE(dynamic_cast<DatabaseJournalsCache*>(caches[1].get()));
-}
-
-// A throwaway database cluster run under the server's own account, in a private
-// directory with a private socket directory. Every command has a hard time limit and
-// the server is always stopped (killed, if it will not stop) when the object goes.
-class ScratchCluster {
- public:
-  explicit ScratchCluster(fs::path bin) : m_bin(std::move(bin)) {
-    char base[] = "/tmp/oas-journals-XXXXXX";
-    m_base = ::mkdtemp(base);
-    fs::create_directory(m_base / "sock");
-    const passwd* account = ::getpwnam("postgres");
-    for (const fs::path& p : {m_base, m_base / "sock"})
-      if (::chown(p.c_str(), account->pw_uid, account->pw_gid) != 0) ADD_FAILURE() << "chown " << p;
-    m_port = std::uniform_int_distribution<int>(20000, 60000)(*std::make_unique<std::random_device>());
-  }
-  ~ScratchCluster() {
-    if (m_started && !Run("pg_ctl -D " + Data().string() + " -m fast -w -t 15 stop", 20))
-      Run("pg_ctl -D " + Data().string() + " -m immediate -w -t 10 stop", 15);
-    std::ifstream pidFile(Data() / "postmaster.pid");
-    pid_t pid = 0;
-    if (pidFile >> pid && pid > 0) ::kill(pid, SIGKILL);
-    fs::remove_all(m_base);
-  }
-
-  bool Start() {
-    if (!Run("initdb -D " + Data().string() + " -A trust -U postgres --no-sync", 30)) return false;
-    std::ofstream(Data() / "postgresql.conf", std::ios::app)
-        << "listen_addresses = ''\nport = " << m_port << "\nunix_socket_directories = '" << (m_base / "sock").string()
-        << "'\nfsync = off\n";
-    m_started = true;
-    return Run("pg_ctl -D " + Data().string() + " -l " + (m_base / "server.log").string() + " -w -t 20 start", 25);
-  }
-  bool Client(const std::string& tool, const std::string& args, int seconds) {
-    return Run(tool + " -h " + (m_base / "sock").string() + " -p " + std::to_string(m_port) + " " + args, seconds);
-  }
-  fs::path Data() const { return m_base / "data"; }
-  std::string Log() const {
-    std::stringstream text;
-    text << std::ifstream(m_base / "commands.log").rdbuf() << std::ifstream(m_base / "server.log").rdbuf();
-    return text.str();
-  }
-
- private:
-  bool Run(const std::string& command, int seconds) {
-    const std::string line = "runuser -u postgres -- timeout -k 5 " + std::to_string(seconds) + " " +
-                             (m_bin / command).string() + " </dev/null >>" + (m_base / "commands.log").string() +
-                             " 2>&1";
-    return std::system(line.c_str()) == 0;
-  }
-
-  fs::path m_bin, m_base;
-  int m_port = 0;
-  bool m_started = false;
-};
-
-std::string ReadAll(const fs::path& path) {
-  std::stringstream content;
-  content << std::ifstream(path, std::ios::binary).rdbuf();
-  return content.str();
-}
-
-TEST_F(JournalsCacheTest, RecognisesTheJournalsOfARealServer) {
-  fs::path bin;
-  std::error_code ec;
-  for (const auto& version : fs::directory_iterator("/usr/lib/postgresql", ec))
-    if (fs::exists(version.path() / "bin/initdb")) bin = std::max(bin, version.path() / "bin");
-  if (bin.empty()) GTEST_SKIP() << "no /usr/lib/postgresql/*/bin/initdb: install the postgresql package";
-  if (::geteuid() != 0 || !::getpwnam("postgres") || !fs::exists("/usr/sbin/runuser"))
-    GTEST_SKIP() << "needs root, the postgres account and runuser to run a scratch server";
-
-  ScratchCluster cluster(bin);
-  ASSERT_TRUE(cluster.Start()) << cluster.Log();
-  // Enough load to fill the first segment completely, then a few switched segments.
-  ASSERT_TRUE(cluster.Client("pgbench", "-i -s 1 -q postgres", 40)) << cluster.Log();
-  ASSERT_TRUE(cluster.Client("pgbench", "-T 2 -c 2 postgres", 15)) << cluster.Log();
-  for (int i = 0; i < 2; ++i)  // a switch with nothing written since the last one does nothing
-    ASSERT_TRUE(cluster.Client("psql", "-d postgres -c 'create table if not exists t(x int)' "
-                               "-c 'insert into t values (1)' -c 'select pg_switch_wal()'", 10))
-        << cluster.Log();
-
-  std::vector<fs::path> segments;
-  for (const auto& entry : fs::directory_iterator(cluster.Data() / "pg_wal"))
-    if (entry.path().filename().string().size() == 24) segments.push_back(entry.path());
-  std::sort(segments.begin(), segments.end());
-  ASSERT_GE(segments.size(), 3u);
-
-  // The live segment through the server's file, by descriptor, while the server runs.
-  const int fd = ::open(segments.front().c_str(), O_RDONLY);
+// The journals cache keeps its own count of files: the one over its capacity evicts the
+// file looked up least recently, whatever the text cache holds.
+TEST_F(JournalsCacheTest, AtItsCapacityTheLeastRecentlyUsedJournalGoes) {
+  host.tracer->EnableUpTo(qeb::trace::LevelNotice);
+  const std::string path = dir.Write("segment", Segment(0x6000));
+  const qeb::testing::ReadFd file(path);
+  const int fd = file.Get();
   ASSERT_GE(fd, 0);
-  EXPECT_EQ(cache->IsWalFile(Event(segments.front().string(), ServerPid, fd)), res::Ok) << LastDetail();
-  ::close(fd);
-  const std::string segment = ReadAll(segments.front());
-  ASSERT_EQ(segment.size(), 16u << 20);
-  const uint16_t magic = static_cast<uint8_t>(segment[0]) | static_cast<uint8_t>(segment[1]) << 8;
-  EXPECT_NE(std::find(KnownMagics.begin(), KnownMagics.end(), magic), KnownMagics.end()) << magic;
-  EXPECT_TRUE(host.tracer->Contains("IsWalFile: Magic number candidate: " + std::to_string(magic)));
+  const auto event = [&](uint64_t ino) {
+    vrel::EventParams e = Event(path, ServerPid, fd);
+    e.ino = ino;
+    return e;
+  };
+  const auto held = [&](uint64_t ino) {
+    std::shared_ptr<nox::oas::CleanFileInfo> out;
+    return cache->Find(nox::oas::FileId::FromEvent(event(ino)), out) == res::Ok;
+  };
+  for (uint64_t ino = 1; ino <= DatabaseJournalsCache::MaxFiles; ++ino)
+    ASSERT_EQ(cache->Add(event(ino)), res::Ok) << ino;
+  ASSERT_TRUE(held(1));  // the first added becomes the most recently used
+  ASSERT_EQ(cache->Add(event(DatabaseJournalsCache::MaxFiles + 1)), res::Ok);
+  EXPECT_EQ(cache->Size(), DatabaseJournalsCache::MaxFiles);
+  EXPECT_TRUE(held(1));
+  EXPECT_FALSE(held(2));
+  EXPECT_TRUE(held(DatabaseJournalsCache::MaxFiles + 1));
+}
 
-  // A copy is added for the server's process; damaged copies are refused for the reason given.
-  host.applications->AddApplication((bin / "postgres").string(), {u"PostgreSQL"});
-  host.processManager->AddProcess(Process(ServerPid, (bin / "postgres").string()));
-  EXPECT_EQ(cache->Add(Event(dir.Write("copy", segment))), res::Ok);
-  std::string damaged = segment;
-  damaged[0] = static_cast<char>(damaged[0] ^ 0xFF);
-  EXPECT_EQ(IsWal(damaged), res::False);
-  EXPECT_EQ(LastDetail(), std::string(Refused) + "Not a WAL file: not a magic number");
-  damaged = segment;
-  damaged[9] = 1;
-  damaged[10] = 0;
-  EXPECT_EQ(IsWal(damaged), res::False);
-  EXPECT_EQ(LastDetail(), std::string(Refused) + "Not a WAL file: wrong incremental number");
+TEST_F(JournalsCacheTest, AFailedInsertIsTracedAndAnswered) {
+  const std::string path = dir.Write("segment", Segment(0x6000));
+  // The entry is made, then the map cannot take it.
+  host.tracer->OnLine([](std::string_view line) {
+    if (line == Accepted) qeb::testing::FailAllocation(1);
+  });
+  EXPECT_EQ(cache->Add(Event(path)), res::Unspecified);
+  host.tracer->OnLine(nullptr);
+  ExpectCheckLine("m_fileCache.Add(std::move(fileId), std::move(cached))", res::Unspecified,
+                  "Cannot add file to OASCache");
+  EXPECT_EQ(cache->Size(), 0u);
+  EXPECT_EQ(cache->Add(Event(path)), res::Ok) << "nothing half-made was left behind";
 }
 
 }  // namespace

@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <optional>
 #include <string>
-#include <utility>
 
 namespace nox::utils {
 namespace {
@@ -76,28 +75,6 @@ TEST_F(DateTextTest, TextToDate) {
     EXPECT_EQ(StringToDate(c.text, date, c.format), c.result);
     EXPECT_EQ(date, c.result == qeb::res::Ok ? c.date : kUntouched);
   }
-
-}
-
-TEST_F(DateTextTest, RoundTrip) {
-  const std::pair<const char*, const char*> samples[] = {
-      {nullptr, "2023-11-14 23:13:20"},
-      {nullptr, "2023-07-01 12:00:00"},
-      {nullptr, "1969-12-31 23:00:00"},
-      {"%d/%m/%Y %H:%M", "01/07/2023 12:00"},
-  };
-  for (const auto& [format, text] : samples) {
-    SCOPED_TRACE(text);
-    time_t date = kUntouched;
-    ASSERT_EQ(StringToDate(text, date, format), qeb::res::Ok);
-    const std::string printed = DateToString(date, format);
-    EXPECT_EQ(printed, text);
-    time_t again = kUntouched;
-    EXPECT_EQ(StringToDate(printed, again, format), qeb::res::Ok);
-    EXPECT_EQ(again, date);
-  }
-  EXPECT_THROW(DateToString(0, std::string(MAX_DATE_FORMAT_LENGTH, 'x').c_str()),
-               std::length_error);
 }
 
 }  // namespace

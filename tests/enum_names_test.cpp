@@ -22,37 +22,6 @@ std::string ErrorOf(const std::function<void()>& call) {
   return "<no exception>";
 }
 
-TEST(EnumRegistry, EveryTableRoundTripsAndIsOrderedByValue) {
-  const EnumRegistry& registry = EnumRegistry::Instance();
-  EXPECT_EQ(&registry, &EnumRegistry::Instance());
-  ASSERT_EQ(registry.Tables().size(), static_cast<size_t>(EnumId::Count));
-  for (const EnumTable& table : registry.Tables()) {
-    SCOPED_TRACE(std::string(table.EnumName()));
-    ASSERT_FALSE(table.Entries().empty());
-    uint32_t previous = 0;
-    bool first = true;
-    for (const EnumEntry& e : table.Entries()) {
-      // Duplicate values or names would break one of these round trips.
-      EXPECT_TRUE(first || e.value > previous) << e.name;
-      EXPECT_EQ(table.NameOf(e.value), e.name);
-      EXPECT_EQ(table.ValueOf(e.name), e.value);
-      previous = e.value;
-      first = false;
-    }
-  }
-}
-
-TEST(EnumRegistry, TablesSitAtTheirIds) {
-  const EnumRegistry& r = EnumRegistry::Instance();
-  EXPECT_EQ(r.Table(EnumId::Access).EnumName(), "Access");
-  EXPECT_EQ(r.Table(EnumId::ActionOnThreat).EnumName(), "ActionOnThreat");
-  EXPECT_EQ(r.Table(EnumId::Boolean).EnumName(), "Boolean");
-  EXPECT_EQ(r.Table(EnumId::ExtensionFilter).EnumName(), "ExtensionFilter");
-  EXPECT_EQ(r.Table(EnumId::FilesystemName).EnumName(), "FilesystemName");
-  EXPECT_EQ(r.Table(EnumId::HeuristicLevel).EnumName(), "HeuristicLevel");
-  EXPECT_EQ(r.Table(EnumId::TraceLevel).EnumName(), "TraceLevel");
-}
-
 TEST(EnumNames, TypedConversionsReachTheirOwnTable) {
   EXPECT_EQ(static_cast<uint32_t>(ActionOnThreat::Type::Notify), 5u);
   EXPECT_EQ(EnumToString(ActionOnThreat::Type::Notify), "Notify");

@@ -65,40 +65,6 @@ TEST(EventParamsText, NullNameAndOperationsOutsideTheTablePrintNull) {
   EXPECT_NE(vrel::ToString(p).find(", oper: VREL_ACTION_ACCESS, "), std::string::npos);
 }
 
-TEST(EventParamsCopy, CarriesEveryFieldAndOwnsItsStrings) {
-  auto original = SampleRecord();
-  original.fileName = qeb::basic_string_t(std::string(100, 'n'));  // beyond the inline buffer
-  original.flag60 = 1;
-  original.value96 = 96;
-  original.value104 = 104;
-  original.value112 = 112;
-  original.fsType = vrel::FS_MAGIC_CIFS;
-  original.flag166 = 166;
-  original.replyHandle = 0xABCDEF;
-  original.value176 = 176;
-  original.flag180 = 180;
-  original.text184 = std::string(40, 's');
-  original.value216 = 216;
-  original.text232 = qeb::basic_string_t("short");
-
-  const vrel::EventParams copied(original);
-  vrel::EventParams assigned;
-  assigned = original;
-  const vrel::EventParams* const copies[] = {&copied, &assigned};
-  const std::string printed = vrel::ToString(original);
-  for (const auto* copy : copies) EXPECT_EQ(*copy, original);
-
-  // Same lengths, so a buffer shared with the original would be rewritten in place.
-  original.fileName.Assign(std::string(100, 'm').data(), 100);
-  original.text232.Assign("other", 5);
-  original.text184[0] = 'x';
-  for (const auto* copy : copies) {
-    EXPECT_EQ(copy->text232.view(), "short");
-    EXPECT_EQ(copy->text184, std::string(40, 's'));
-    EXPECT_EQ(vrel::ToString(*copy), printed);
-  }
-}
-
 // The caches compare change times of whatever the interception layer read: a hostile or
 // corrupt far-off time must wrap, not overflow (the sanitizer build traps on overflow).
 TEST(EventParamsTimes, FarOffTimesWrapInsteadOfOverflowing) {

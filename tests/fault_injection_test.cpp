@@ -44,21 +44,6 @@ nox::settings::OASSettings Settings(bool journals) {
   return settings;
 }
 
-// Owns a descriptor the events lend to the host.
-struct Descriptor {
-  Descriptor() = default;
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int get() const { return fd; }
-  void reset(int other) {
-    if (fd >= 0) close(fd);
-    fd = other;
-  }
-  ~Descriptor() { reset(-1); }
-
-  int fd = -1;
-};
-
 // One life of an interceptor, from creation to unload. In the fault-free run each step's
 // outcome is checked too, so the sweep is known to walk the paths it claims to.
 class InterceptorLife {
@@ -73,8 +58,6 @@ class InterceptorLife {
     m_host.processManager->AddProcess(self);
     m_host.applications->AddApplication(kDatabaseServer, {u"PostgreSQL"});
     m_notes = m_dir.Write("notes.txt", "plain words\n");
-    m_image = m_dir.Write("image.bin", std::string("\x7f" "ELF\x02\x01\x01\x00", 8));
-    m_imageFd.reset(open(m_image.c_str(), O_RDONLY | O_CLOEXEC));
   }
 
   void Run() {
@@ -125,7 +108,7 @@ class InterceptorLife {
     // Clean but neither text nor a journal: the journals cache reads it, through the
     // descriptor the event carries, and declines.
     auto opened = FileEvent(m_image);
-    opened.fd = m_imageFd.get();
+    opened.fd = m_imageFd.Get();
     Strict(Deliver(opened, Answer(vrel::BasicVerdict::Allow, true)), 0, "clean binary");
     Strict(Deliver(FileEvent(m_image), Answer(vrel::BasicVerdict::Deny)), 0, "dirty binary");
 
@@ -244,8 +227,8 @@ class InterceptorLife {
   objptr_t<FakeScanner> m_scanner = MakeHostObject<FakeScanner>();
   TempDir m_dir;
   std::string m_notes;
-  std::string m_image;
-  Descriptor m_imageFd;
+  std::string m_image = m_dir.Write("image.bin", std::string("\x7f" "ELF\x02\x01\x01\x00", 8));
+  ReadFd m_imageFd{m_image};  // lent to an event, so the image is also read by descriptor
   AnswerLedger m_ledger;
   objptr_t<vrel::IPosixFileInterceptor> m_interceptor;
   objptr_t<nox::oas::IFileMonitoringTaskSettings> m_settings;

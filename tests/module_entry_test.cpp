@@ -12,7 +12,9 @@
 #include "framework/qeb/objptr.h"
 #include "interfaces/qeb/module.h"
 #include "oas/file_interceptor.h"
+#include "testing/event_builder.h"
 #include "testing/fake_host.h"
+#include "testing/fake_scanner.h"
 
 namespace {
 
@@ -61,22 +63,6 @@ TEST(ModuleExports, OnlyTheTwoEntryPoints) {
             (std::set<std::string>{"qebCanUnloadModule", "qebCreateObject"}));
 }
 
-TEST_F(LoadedModule, CounterFollowsCreateAndRelease) {
-  EXPECT_EQ(canUnload(), 0u);
-  qeb::IObject* object = nullptr;
-  ASSERT_EQ(create(qeb::CLSID_FileInterceptor, host.Locator(), &object), 0);
-  ASSERT_NE(object, nullptr);
-  EXPECT_EQ(canUnload(), 1u);
-
-  // A second face of the same object keeps it alive after the first is released.
-  objptr_t<vrel::IFileInterceptor> face;
-  ASSERT_EQ(qeb::QueryInterface(object, face.Ref()), 0);
-  object->Release();
-  EXPECT_EQ(canUnload(), 1u);
-  face.Reset();
-  EXPECT_EQ(canUnload(), 0u);
-}
-
 TEST_F(LoadedModule, RefusesBadRequestsWithoutCreating) {
   qeb::IObject* const untouched = reinterpret_cast<qeb::IObject*>(0x1234);
   qeb::IObject* object = untouched;
@@ -87,26 +73,6 @@ TEST_F(LoadedModule, RefusesBadRequestsWithoutCreating) {
   EXPECT_LT(create(qeb::CLSID_FileInterceptor, nullptr, &object), 0);
   EXPECT_EQ(object, untouched);
   EXPECT_EQ(canUnload(), 0u);
-}
-
-TEST_F(LoadedModule, EveryRequiredServiceMissingInTurn) {
-  for (const qeb::iid_t iid : {nox::ISharesParser::IID, nox::IEventsProvider::IID,
-                               nox::IMountSubscription::IID, qeb::ITracer::IID}) {
-    FakeHost partial;
-    partial.locator->Remove(iid);
-    partial.tracer->Clear();
-    qeb::IObject* const untouched = reinterpret_cast<qeb::IObject*>(0x1234);
-    qeb::IObject* object = untouched;
-    const qeb::result_t r = create(qeb::CLSID_FileInterceptor, partial.Locator(), &object);
-    EXPECT_LT(r, 0) << std::hex << iid;
-    EXPECT_EQ(object, untouched);
-    EXPECT_EQ(canUnload(), 0u);
-    if (iid != qeb::ITracer::IID) {
-      // The failure reaches the host's tracer at error level.
-      EXPECT_EQ(partial.tracer->Texts(qeb::trace::LevelError).size(), 1u);
-      EXPECT_TRUE(partial.tracer->Contains("Can't get interface"));
-    }
-  }
 }
 
 TEST_F(LoadedModule, EveryFaceOfTheInterceptorIsReachable) {
@@ -132,6 +98,34 @@ TEST_F(LoadedModule, EveryFaceOfTheInterceptorIsReachable) {
   uint32_t state = 0;
   EXPECT_EQ(interceptor->GetState(&state), 0);
   EXPECT_EQ(state, nox::oas::FileInterceptor::STATE_CREATED);
+}
+
+// The host tracer is wrapped once, where the interceptor is made: every line any module
+// object writes (interceptor, processor, cache manager, event) carries the prefix once.
+TEST_F(LoadedModule, EveryModuleLineCarriesThePrefixOnce) {
+  qeb::IObject* raw = nullptr;
+  ASSERT_EQ(create(qeb::CLSID_FileInterceptor, host.Locator(), &raw), 0);
+  auto object = objptr_t<qeb::IObject>::Attach(raw);
+  objptr_t<vrel::IFileInterceptor> interceptor;
+  ASSERT_EQ(qeb::QueryInterface(object.Get(), interceptor.Ref()), 0);
+  auto scanner = qeb::testing::MakeHostObject<qeb::testing::FakeScanner>();
+  ASSERT_EQ(interceptor->SetupFilters(0xF, scanner.Get()), 0);
+  EXPECT_EQ(host.eventsProvider->Deliver(qeb::testing::MakeOpenEvent(1, "/srv/file")), 0);
+  host.threadPoolFactory->LastPool()->WaitIdle();
+  ASSERT_EQ(interceptor->RemoveFilters(), 0);
+  interceptor.Reset();
+  object.Reset();
+  EXPECT_EQ(canUnload(), 0u);
+
+  for (const char* line : {"oas: StartIntercepting", "oas: bool nox::oas::CacheManager::IsCleanFile",
+                           "oas: nox::oas::FileEventsProcessor::~FileEventsProcessor()",
+                           "oas: OASCache: /srv/file (ino: 1, dev: 2049) needs checking (cache miss)"})
+    EXPECT_TRUE(host.tracer->Contains(line)) << line;
+  EXPECT_TRUE(host.tracer->Contains("nox::oas::FileInterceptorEvent::Reply"));
+  for (const auto& line : host.tracer->Lines()) {
+    EXPECT_TRUE(line.text.starts_with("oas: ")) << line.text;
+    EXPECT_FALSE(line.text.starts_with("oas: oas: ")) << line.text;
+  }
 }
 
 class CountingAllocator : public qeb::object::Ifaces<qeb::IAllocator> {

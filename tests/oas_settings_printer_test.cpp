@@ -78,12 +78,6 @@ TEST(OASSettingsPrinter, FullRecordPrintsEveryMemberInOrder) {
   EXPECT_EQ(ToString(OASSettings{}), kDefaultText);
 }
 
-TEST(OASSettingsPrinter, DatabaseJournalsFlagIsNotPrinted) {
-  OASSettings s = FullSettings();
-  s.skipDatabaseJournals = false;
-  EXPECT_EQ(ToString(s), kFullText);
-}
-
 TEST(OASSettingsPrinter, TraceLineCarriesTheSameTextAndNestedRecordsBraced) {
   auto tracer = qeb::testing::MakeHostObject<qeb::testing::CapturingTracer>();
   const OASSettings s = FullSettings();
@@ -94,20 +88,6 @@ TEST(OASSettingsPrinter, TraceLineCarriesTheSameTextAndNestedRecordsBraced) {
   ASSERT_EQ(lines.size(), 2u);
   EXPECT_EQ(lines[0], "settings={" + std::string(kFullText) + "}");
   EXPECT_EQ(lines[1], R"({"use_scan_area":0, "path":/srv, "area_mask":[a, b]})");
-}
-
-TEST(OASSettings, EqualityLooksIntoNestedLists) {
-  const OASSettings a = FullSettings();
-  OASSettings b = FullSettings();
-  EXPECT_EQ(a, b);
-  b.ScanScopeWithTrustedPrograms.excluded_for_program[1].TrustedProgram.description = std::u16string(u"x");
-  EXPECT_NE(a, b);
-  b = a;
-  b.ScanScopeWithTrustedPrograms.scan_scope[0].area_mask[1] = "*.BIN";
-  EXPECT_NE(a, b);
-  b = a;
-  b.skipDatabaseJournals = false;  // not printed, but still part of the settings
-  EXPECT_NE(a, b);
 }
 
 TEST(NeverMonitoredFilesystems, ExactCaseSensitiveTypeAndSkipFlag) {

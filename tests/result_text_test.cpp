@@ -34,21 +34,6 @@ TEST(ResultMessage, UnlistedValuesAreUnknown) {
     EXPECT_EQ(Msg(code), kUnknown) << std::hex << code;
 }
 
-TEST(ResultMessage, GapsInGeneralTableAreBoundedByNamedCodes) {
-  struct Gap {
-    uint32_t first, last;
-  };
-  for (Gap g : {Gap{0x80000048, 0x80000049}, Gap{0x8000004E, 0x8000004E},
-                Gap{0x80000052, 0x80000056}, Gap{0x8000005F, 0x80000061},
-                Gap{0x8000006D, 0x80000070}, Gap{0x80000073, 0x80000075}}) {
-    EXPECT_NE(Msg(g.first - 1), kUnknown) << std::hex << g.first;
-    EXPECT_NE(Msg(g.last + 1), kUnknown) << std::hex << g.last;
-    for (uint32_t c = g.first; c <= g.last; ++c) EXPECT_EQ(Msg(c), kUnknown) << std::hex << c;
-  }
-  EXPECT_EQ(Msg(0x8001010A - 1), "Invalid path name");
-  EXPECT_EQ(Msg(0x8001010F + 1), "Cannot open an anonymous level security token");
-}
-
 TEST(ResultMessage, TablesHoldExactlyTheNamedCodes) {
   size_t general = 0, platform = 0;
   for (uint32_t c = 0x80000000; c <= 0x80000FFF; ++c) general += Msg(c) != kUnknown;

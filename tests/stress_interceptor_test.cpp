@@ -19,8 +19,6 @@
 #include <chrono>
 #include <cstdlib>
 #include <functional>
-#include <iostream>
-#include <map>
 #include <random>
 #include <string>
 #include <thread>
@@ -107,11 +105,6 @@ class Crew {
   std::vector<std::thread> m_threads;
 };
 
-struct RoundReport {
-  std::map<result_t, size_t> answers;
-  size_t timeouts = 0;
-};
-
 class StressRound {
  public:
   StressRound(const LoadedModule& module, const TempDir& dir) : m_module(module) {
@@ -148,14 +141,15 @@ class StressRound {
     Settle();
   }
 
-  RoundReport Check() const {
+  // Answers how many events were taken for scanning and how many timeouts were reported.
+  std::pair<size_t, size_t> Check() const {
     EXPECT_EQ(m_module.canUnload(), 0u) << "module objects alive after the round";
     EXPECT_EQ(m_host.eventsProvider->Receivers().Count(), 0u);
     EXPECT_EQ(m_host.mountSubscription->Subscribers().Count(), 0u);
     EXPECT_EQ(m_host.sharesParser->Subscribers().Count(), 0u);
     const auto breaches = m_ledger.Breaches(*m_host.verdictNotifier);
     EXPECT_TRUE(breaches.empty()) << breaches.size() << " breaches, the first: " << breaches.front();
-    return {m_ledger.AnswerCounts(), m_host.eventPublisher->Events().size()};
+    return {m_ledger.AnswerCounts()[qeb::res::Ok], m_host.eventPublisher->Events().size()};
   }
 
  private:
@@ -216,8 +210,6 @@ class StressRound {
       case 2: m_interceptor->SetState(qeb::IState::STATE_REQUEST_RUN); break;
       default: m_interceptor->SetupFilters(Draw(2) == 0 ? 0xF : 0x3, m_scanner.Get()); break;
     }
-    uint32_t state = 0;
-    m_interceptor->GetState(&state);
     Pause(20);
   }
 
@@ -262,22 +254,16 @@ TEST(StressInterceptor, EveryEventAnsweredOnceUnderConcurrentControl) {
   ASSERT_TRUE(module.Loaded()) << module.Error();
   TempDir dir;
   const auto end = Clock::now() + StressDuration();
-  RoundReport total;
-  size_t rounds = 0;
+  size_t taken = 0, timeouts = 0;
   while (Clock::now() < end && !::testing::Test::HasFailure()) {
     StressRound round(module, dir);
     round.Run(std::min<Clock::duration>(kRound, end - Clock::now()));
-    const RoundReport report = round.Check();
-    for (const auto& [answer, count] : report.answers) total.answers[answer] += count;
-    total.timeouts += report.timeouts;
-    ++rounds;
+    const auto [roundTaken, roundTimeouts] = round.Check();
+    taken += roundTaken;
+    timeouts += roundTimeouts;
   }
-  std::cout << rounds << " rounds, " << total.timeouts << " timeouts reported; events by answer:";
-  for (const auto& [answer, count] : total.answers)
-    std::cout << ' ' << std::hex << answer << std::dec << ": " << count;
-  std::cout << '\n';
-  EXPECT_GT(total.answers[qeb::res::Ok], 0u) << "no event was taken for scanning";
-  EXPECT_GT(total.timeouts, 0u);
+  EXPECT_GT(taken, 0u) << "no event was taken for scanning";
+  EXPECT_GT(timeouts, 0u);
 }
 
 }  // namespace

@@ -127,8 +127,19 @@ std::string exception::Description() const {
   return DescribeBody({}, what(), Properties(), {});
 }
 
+std::string_view SourceName(const char* file) noexcept {
+  if (!file) return "(null)";
+  std::string_view path(file);
+  // A build that names sources relative to its own directory adds leading "../".
+  while (path.starts_with("../")) path.remove_prefix(3);
+  const size_t dot = path.rfind('.');
+  const size_t slash = path.rfind('/');
+  if (dot == std::string_view::npos || (slash != std::string_view::npos && dot < slash)) return path;
+  return path.substr(0, dot);
+}
+
 Exception::Exception(const char* file, unsigned line, std::string message)
-    : m_file(file ? file : "(null)"),
+    : m_file(SourceName(file)),
       m_line(line),
       m_message(std::move(message)),
       m_stack(CaptureCallStack(2)) {}

@@ -82,6 +82,10 @@ class exception : public std::exception {
   const char* what() const noexcept override;
 };
 
+// A source file as positions name it: its path in the tree without the extension
+// (oas/file_interceptor), the same whether it came from __FILE__ or a fixed text.
+std::string_view SourceName(const char* file) noexcept;
+
 // Source position, message, typed properties and the call stack at the throw.
 class Exception : public exception {
  public:

@@ -75,7 +75,9 @@ qeb::result_t TextFilesCache::Add(const vrel::EventParams& event) {
     QEB_TRACE(m_tracer, LevelDetail) << "OASCache: add clean text file " << id;
     return res::Ok;
   } catch (...) {
-    return qeb::TraceCurrentException(m_tracer.Get());
+    // Whatever went wrong, the file was not recorded: the caller only needs to know that.
+    qeb::TraceCurrentException(m_tracer.Get());
+    return res::False;
   }
 }
 
