@@ -462,6 +462,10 @@ void Daemon::StartProtection() {
   StartSystemServices(s);
   m_filtersUp = true;
   Require(m_interceptor->SetupFilters(FilterFlags, s.engine), "cannot start interception");
+  // The settings given before the start build the caches and the subscription; a running
+  // processor takes its own options (the report-only action among them) only from this call.
+  Require(m_interceptor->SetSettings(s.taskManager->CurrentSettings()),
+          "the interceptor refused the settings");
   s.metricsWriter->Start();
 }
 

@@ -29,6 +29,18 @@ TEST(OasdEndToEnd, CleanFileOpensAndEicarFileIsDenied) {
   });
 }
 
+// The report-only action reaches the running module: the detection is reported, the open passes.
+TEST(OasdEndToEnd, ReportOnlyActionReportsTheEicarFileAndLetsItOpen) {
+  OASD_SCENARIO([](Sandbox& s) {
+    const std::string eicar = s.Watched("eicar.com");
+    WriteFile(eicar, kEicar);
+    if (!s.StartOasd(R"("engine": "clamav", "settings": {"ScanSettings": {"ScanSettingsBase": {"infected_action": 5}}})")) return;
+    const Exit open = InChild([&] { return OpenAndRead(eicar); });
+    s.Expect(open.Is(0), "opening the EICAR file with the report-only action: " + open.Text());
+    s.Expect(s.AwaitEvent("detection", eicar), "no detection line for " + eicar);
+  });
+}
+
 TEST(OasdEndToEnd, EicarExecutableCannotRunWhileACleanOneDoes) {
   OASD_SCENARIO([](Sandbox& s) {
     const std::string clean = s.Watched("true"), eicar = s.Watched("eicar.sh");
