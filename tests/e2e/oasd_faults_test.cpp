@@ -329,7 +329,8 @@ TEST(OasdFaults, OpenFloodBeyondThePoolIsAnsweredInBoundedMemory) {
     s.Note("after the first wave: " + Count("deadline allows", Metric(page, "oasd_deadline_allows_total")) +
            ", " + Count("deny verdicts", Metric(page, "oasd_verdicts_total{verdict=\"deny\"}")) + ", " +
            Count("scans", Metric(page, "oasd_scans_total")));
-    s.Expect(Metric(page, "oasd_deadline_allows_total") >= 4096, "deadline allows:\n" + page);
+    // The queue of 4,096 is let through at the deadline, less the few scans that end before it.
+    s.Expect(Metric(page, "oasd_deadline_allows_total") >= 4000, "deadline allows:\n" + page);
     const Memory second = wave("second wave of 5000 opens");
     s.Expect(first.peakKb - before.rssKb < kFloodGrowthLimitKb,
              "oasd grew by " + std::to_string((first.peakKb - before.rssKb) / 1024) + " MiB");
