@@ -58,6 +58,9 @@ struct Options {
   size_t firstOpens = 100;  // fresh 1 MiB files, each opened once under libclamav
   unsigned budgetS = 110;   // the whole run; past it the process ends and its marks go
   bool withOasd = true;
+  // --respond: only the minimal responder (b), until standard input closes, for
+  // bench/workload.sh; the process running it is not the one that made the namespace.
+  bool respondOnly = false;
 };
 
 [[noreturn]] void Fail(const std::string& what) { throw std::runtime_error(what); }
@@ -95,13 +98,15 @@ std::string MountAt(const std::string& mountPoint) {
 
 // A listener on any other mount would hold up the machine's own opens, so the program
 // refuses to run anywhere but on the script's tmpfs, in a mount namespace its parent does
-// not share (one it cannot read counts as shared).
-void RequirePrivateTmpfs(const std::string& dir) {
+// not share (one it cannot read counts as shared). The responder alone (--respond) runs
+// beside bench/workload.sh's shell in that shell's namespace: the mount's name is its check.
+void RequirePrivateTmpfs(const std::string& dir, bool respondOnly) {
   std::error_code ec;
   const std::string canonical = std::filesystem::canonical(dir, ec).string();
   if (ec) Fail(dir + ": " + ec.message());
   if (MountAt(canonical) != std::string(MountSource) + " tmpfs")
     Fail(canonical + " is not a tmpfs mounted as " + std::string(MountSource));
+  if (respondOnly) return;
   const std::string own = ReadLink("/proc/self/ns/mnt");
   const std::string parents = ReadLink("/proc/" + std::to_string(::getppid()) + "/ns/mnt");
   if (own.empty() || parents.empty() || own == parents)
@@ -753,7 +758,7 @@ struct Run {
 void Usage() {
   std::fprintf(stderr,
                "usage: open_latency --dir TMPFS --scratch DIR [--oasd PATH] [--iterations N]\n"
-               "                    [--first-opens N] [--without-oasd]\n"
+               "                    [--first-opens N] [--without-oasd] [--respond]\n"
                "Run through bench/open_latency.sh: it needs root and a private mount namespace.\n");
 }
 
@@ -771,6 +776,7 @@ Options ParseOptions(int argc, char** argv) {
     else if (arg == "--iterations") options.iterations = std::stoul(value());
     else if (arg == "--first-opens") options.firstOpens = std::stoul(value());
     else if (arg == "--without-oasd") options.withOasd = false;
+    else if (arg == "--respond") options.respondOnly = true;
     else Fail("unknown option " + arg);
   }
   if (options.dir.empty() || options.scratch.empty()) Fail("--dir and --scratch are required");
@@ -794,7 +800,7 @@ int main(int argc, char** argv) {
   }
   try {
     const Options& options = parsed;
-    RequirePrivateTmpfs(options.dir);
+    RequirePrivateTmpfs(options.dir, options.respondOnly);
     // The backstop for a hang anywhere: the process ends, the kernel drops its group and
     // allows what was pending, and the oasd child follows through its parent-death signal.
     ::alarm(options.budgetS);
@@ -803,6 +809,17 @@ int main(int argc, char** argv) {
     wake.sa_handler = Nothing;
     ::sigaction(SIGUSR2, &wake, nullptr);
 
+    if (options.respondOnly) {
+      ::alarm(0);  // the caller's timeout bounds it; closing stdin ends it
+      Responder responder(options.dir, Work::AllowOnly);
+      std::printf("ready\n");
+      std::fflush(stdout);
+      char byte;
+      while (::read(STDIN_FILENO, &byte, 1) > 0) {
+      }
+      responder.Stop();
+      return 0;
+    }
     PrintMachine(options);
     const Files files = MakeFiles(options);
     Run run{options, files, {}};
