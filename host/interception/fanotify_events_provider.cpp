@@ -373,7 +373,8 @@ qeb::result_t FanotifyEventsProvider::OnMountListChanged(const nox::MountList& a
                                                          const nox::MountList&,
                                                          const nox::MountList& current) noexcept {
   m_mountGeneration.fetch_add(1, std::memory_order_relaxed);
-  // A remount may show other contents under the same inode numbers, as the module's cache fears.
+  // The module's cache refuses entries of a device that went and came back; the kernel's
+  // follows any mount change, so it never keeps what the module dropped.
   FlushKernelCache(KernelCache::FlushReason::Mount);
   if (added.empty()) return res::Ok;
   try {
