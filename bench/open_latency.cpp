@@ -58,6 +58,9 @@ struct Options {
   size_t firstOpens = 100;  // fresh 1 MiB files, each opened once under libclamav
   unsigned budgetS = 110;   // the whole run; past it the process ends and its marks go
   bool withOasd = true;
+  // --respond: only the minimal responder (b), until standard input closes, for
+  // bench/workload.sh; the process running it is not the one that made the namespace.
+  bool respondOnly = false;
 };
 
 [[noreturn]] void Fail(const std::string& what) { throw std::runtime_error(what); }
@@ -95,13 +98,15 @@ std::string MountAt(const std::string& mountPoint) {
 
 // A listener on any other mount would hold up the machine's own opens, so the program
 // refuses to run anywhere but on the script's tmpfs, in a mount namespace its parent does
-// not share (one it cannot read counts as shared).
-void RequirePrivateTmpfs(const std::string& dir) {
+// not share (one it cannot read counts as shared). The responder alone (--respond) runs
+// beside bench/workload.sh's shell in that shell's namespace: the mount's name is its check.
+void RequirePrivateTmpfs(const std::string& dir, bool respondOnly) {
   std::error_code ec;
   const std::string canonical = std::filesystem::canonical(dir, ec).string();
   if (ec) Fail(dir + ": " + ec.message());
   if (MountAt(canonical) != std::string(MountSource) + " tmpfs")
     Fail(canonical + " is not a tmpfs mounted as " + std::string(MountSource));
+  if (respondOnly) return;
   const std::string own = ReadLink("/proc/self/ns/mnt");
   const std::string parents = ReadLink("/proc/" + std::to_string(::getppid()) + "/ns/mnt");
   if (own.empty() || parents.empty() || own == parents)
@@ -385,16 +390,19 @@ struct Counters {
   uint64_t verdictsAllow = 0;
   uint64_t pendingAllowedByDeadline = 0;
   uint64_t errors = 0;
+  uint64_t kernelMarks = 0;
 
   Counters operator-(const Counters& o) const {
     return {events - o.events,   allowedAtOnce - o.allowedAtOnce, scans - o.scans,
             checkedHits - o.checkedHits, verdictsAllow - o.verdictsAllow,
-            pendingAllowedByDeadline - o.pendingAllowedByDeadline, errors - o.errors};
+            pendingAllowedByDeadline - o.pendingAllowedByDeadline, errors - o.errors,
+            kernelMarks - o.kernelMarks};
   }
   std::string Text() const {
     std::ostringstream out;
     out << "events " << events << ", at once " << allowedAtOnce << ", scans " << scans
         << ", checked hits " << checkedHits << ", verdicts " << verdictsAllow;
+    if (kernelMarks) out << ", kernel marks " << kernelMarks;
     if (pendingAllowedByDeadline) out << ", DEADLINE " << pendingAllowedByDeadline;
     if (errors) out << ", ERRORS " << errors;
     return out.str();
@@ -408,11 +416,15 @@ class OasdChild {
   static constexpr auto ReadyLimit = 60s;
   static constexpr auto StopLimit = 30s;
 
-  OasdChild(const Options& options, const std::string& engine)
+  // kernelCache false: every open goes through oasd (--no-kernel-cache).
+  OasdChild(const Options& options, const std::string& engine, bool kernelCache)
       : m_log(options.scratch + "/oasd-" + engine + ".log"),
         m_metrics(options.scratch + "/oasd-" + engine + ".prom") {
-    Spawn({options.oasd, "--watch", options.dir, "--engine", engine, "--log-level", "error",
-           "--metrics-file", m_metrics, "--events-file", ""});
+    std::vector<std::string> args{options.oasd,  "--watch",     options.dir, "--engine",
+                                  engine,        "--log-level", "error",     "--metrics-file",
+                                  m_metrics,     "--events-file", ""};
+    if (!kernelCache) args.push_back("--no-kernel-cache");
+    Spawn(args);
     try {
       WaitReady();
       RequireMarks();
@@ -528,6 +540,7 @@ class OasdChild {
     Counters c;
     c.events = values["oasd_events_total"];
     c.allowedAtOnce = values["oasd_allowed_at_once_total"];
+    c.kernelMarks = values["oasd_kernel_cache_marks_added_total"];
     c.scans = values["oasd_scans_total"];
     c.checkedHits = values["oasd_checked_cache_hits_total"];
     c.verdictsAllow = values["oasd_verdicts_total{verdict=\"allow\"}"];
@@ -590,16 +603,17 @@ std::optional<uint64_t> MedianOf(const std::vector<Row>& rows, const std::string
 }
 
 void PrintRows(const std::vector<Row>& rows, size_t warmup) {
-  std::printf("\n%-46s %-18s %6s %10s %10s %7s %7s  %s\n", "configuration", "file", "n",
-              "median ns", "p90 ns", "x(b)", "x(c)", "what the listener saw");
+  std::printf("\n%-46s %-18s %6s %10s %10s %7s %7s %7s  %s\n", "configuration", "file", "n",
+              "median ns", "p90 ns", "x(a)", "x(b)", "x(c)", "what the listener saw");
   for (const auto& row : rows) {
-    std::printf("%-46s %-18s %6zu %10llu %10llu %7s %7s  %s\n", row.label.c_str(),
+    std::printf("%-46s %-18s %6zu %10llu %10llu %7s %7s %7s  %s\n", row.label.c_str(),
                 row.file.c_str(), row.n, static_cast<unsigned long long>(row.median),
                 static_cast<unsigned long long>(row.p90),
+                Ratio(row.median, MedianOf(rows, "a", row.size)).c_str(),
                 Ratio(row.median, MedianOf(rows, "b", row.size)).c_str(),
                 Ratio(row.median, MedianOf(rows, "c", row.size)).c_str(), row.check.c_str());
   }
-  std::printf("\nx(b), x(c): median over the median of (b) or (c) for a file of the same size "
+  std::printf("\nx(a), x(b), x(c): median over the median of (a), (b) or (c) for a file of the same size "
               "class (small or 1 MiB).\nWhat the listener saw counts the warm-up opens too "
               "(%zu per row; first opens have none).\n(c) reads per event: %s.\n",
               warmup, MetadataReads);
@@ -694,7 +708,7 @@ struct Run {
   // it already admitted. A miss is a file no text cache admits (random bytes), so every open
   // is queued, handed to the engine on a worker and answered through the verdict path.
   void OasdNone() {
-    OasdChild oasd(options, "none");
+    OasdChild oasd(options, "none", false);
     OasdRow(oasd, "d", "(d) oasd none, cache hit", TextLabel, Size::Small,
             [&] { return Repeated(files.text); });
     OasdRow(oasd, "d", "(d) oasd none, cache miss", "binary 4 KiB", Size::Small,
@@ -705,7 +719,7 @@ struct Run {
   }
 
   void OasdClamav() {
-    OasdChild oasd(options, "clamav");
+    OasdChild oasd(options, "clamav", false);
     RequireDenied(files.eicar);
     OasdRow(oasd, "e", "(e) oasd clamav, first open", "binary 1 MiB", Size::Big,
             [&] { return TimeOpens(files.fresh, files.fresh.size()); });
@@ -714,6 +728,19 @@ struct Run {
             [&] { return Repeated(files.big); });
     OasdRow(oasd, "e", "(e) oasd clamav, cached text", TextLabel, Size::Small,
             [&] { return Repeated(files.text); });
+    oasd.Stop();
+  }
+
+  // With the kernel cache the first open of each file places the mark (the warm-up makes it);
+  // the timed opens should then never reach oasd: their row shows events 0.
+  void OasdKernelCache(const std::string& engine, const std::string& config) {
+    OasdChild oasd(options, engine, true);
+    if (engine == "clamav") RequireDenied(files.eicar);
+    const std::string label = "(" + config + ") oasd " + engine + ", kernel cache";
+    OasdRow(oasd, config, label + ", cached", TextLabel, Size::Small,
+            [&] { return Repeated(files.text); });
+    OasdRow(oasd, config, label + ", repeated", "binary 1 MiB", Size::Big,
+            [&] { return Repeated(files.big); });
     oasd.Stop();
   }
 
@@ -731,7 +758,7 @@ struct Run {
 void Usage() {
   std::fprintf(stderr,
                "usage: open_latency --dir TMPFS --scratch DIR [--oasd PATH] [--iterations N]\n"
-               "                    [--first-opens N] [--without-oasd]\n"
+               "                    [--first-opens N] [--without-oasd] [--respond]\n"
                "Run through bench/open_latency.sh: it needs root and a private mount namespace.\n");
 }
 
@@ -749,6 +776,7 @@ Options ParseOptions(int argc, char** argv) {
     else if (arg == "--iterations") options.iterations = std::stoul(value());
     else if (arg == "--first-opens") options.firstOpens = std::stoul(value());
     else if (arg == "--without-oasd") options.withOasd = false;
+    else if (arg == "--respond") options.respondOnly = true;
     else Fail("unknown option " + arg);
   }
   if (options.dir.empty() || options.scratch.empty()) Fail("--dir and --scratch are required");
@@ -772,7 +800,7 @@ int main(int argc, char** argv) {
   }
   try {
     const Options& options = parsed;
-    RequirePrivateTmpfs(options.dir);
+    RequirePrivateTmpfs(options.dir, options.respondOnly);
     // The backstop for a hang anywhere: the process ends, the kernel drops its group and
     // allows what was pending, and the oasd child follows through its parent-death signal.
     ::alarm(options.budgetS);
@@ -781,6 +809,17 @@ int main(int argc, char** argv) {
     wake.sa_handler = Nothing;
     ::sigaction(SIGUSR2, &wake, nullptr);
 
+    if (options.respondOnly) {
+      ::alarm(0);  // the caller's timeout bounds it; closing stdin ends it
+      Responder responder(options.dir, Work::AllowOnly);
+      std::printf("ready\n");
+      std::fflush(stdout);
+      char byte;
+      while (::read(STDIN_FILENO, &byte, 1) > 0) {
+      }
+      responder.Stop();
+      return 0;
+    }
     PrintMachine(options);
     const Files files = MakeFiles(options);
     Run run{options, files, {}};
@@ -793,6 +832,8 @@ int main(int argc, char** argv) {
       std::this_thread::sleep_for(200ms);
       run.OasdNone();
       run.OasdClamav();
+      run.OasdKernelCache("none", "f");
+      run.OasdKernelCache("clamav", "g");
     }
     PrintRows(run.rows, options.warmup);
     return 0;

@@ -27,6 +27,13 @@ struct HostMetrics {
   static constexpr std::array<const char*, 4> UnprocessedReasons{"size_limit", "time_limit",
                                                                  "scan_limit", "scan_error"};
   std::array<std::atomic<uint64_t>, UnprocessedReasons.size()> unprocessed{};
+  // The kernel's clean-file cache (fanotify ignore marks): marks placed and taken back one
+  // by one, and whole flushes by reason.
+  std::atomic<uint64_t> kernelMarksAdded{0};
+  std::atomic<uint64_t> kernelMarksRemoved{0};
+  static constexpr std::array<const char*, 5> KernelFlushReasons{"settings", "mount", "reload",
+                                                                 "age", "full"};
+  std::array<std::atomic<uint64_t>, KernelFlushReasons.size()> kernelFlushes{};
 
   // Scan latency histogram, upper bounds in microseconds; the last bucket is +Inf.
   static constexpr std::array<uint64_t, 8> LatencyBoundsUs{100, 1000, 5000, 20000, 100000,

@@ -23,6 +23,8 @@ struct HostOptions {
   std::string signatureDir;         // empty: the bundled signature set
   uint32_t engineDelayMs = 0;       // a deliberately slow engine, for timeout drills
   uint32_t checkedCacheEntries = 65536;
+  bool kernelCache = true;               // fanotify ignore marks answer a clean file's next opens
+  uint32_t kernelCacheEntries = 65536;   // past this many marks, all are dropped
 
   uint32_t verdictTimeoutMs = 30000;     // the module's Init timeout
   uint32_t permissionDeadlineMs = 30000;  // host's hard limit before a pending open is allowed

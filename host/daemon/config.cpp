@@ -240,6 +240,8 @@ FieldTable TopLevelFields(HostOptions& o) {
       F("signature_dir", o.signatureDir),
       F("engine_delay_ms", o.engineDelayMs),
       F("checked_cache_entries", o.checkedCacheEntries),
+      F("kernel_cache", o.kernelCache),
+      F("kernel_cache_entries", o.kernelCacheEntries),
       F("verdict_timeout_ms", o.verdictTimeoutMs),
       F("permission_deadline_ms", o.permissionDeadlineMs),
       F("stop_timeout_ms", o.stopTimeoutMs),
@@ -474,6 +476,8 @@ RawCommandLine ScanArguments(const std::vector<std::string>& args) {
       while (i + 1 < args.size() && !args[i + 1].starts_with("--"))
         raw.watchPaths.push_back(args[++i]);
       if (raw.watchPaths.size() == before) FailOption(arg, "needs at least one path");
+    } else if (arg == "--no-kernel-cache") {
+      raw.overrides["kernel_cache"] = false;
     } else if (arg == "--config") {
       SetConfigPath(raw, arg, next(), CommandLine::Run);
     } else if (arg == "--check-config") {
@@ -559,6 +563,7 @@ const char* UsageText() noexcept {
          "                          (default /var/log/oasd/events.jsonl; \"\" for none)\n"
          "  --metrics-file FILE     write Prometheus metrics to FILE (every metrics_interval_s\n"
          "                          seconds and on SIGUSR1; default /run/oasd/metrics.prom)\n"
+         "  --no-kernel-cache       every open of a clean file goes through oasd (for comparison)\n"
          "  -h, --help              print this help and exit\n"
          "\n"
          "Command-line options override the config file. Signals: SIGHUP reloads the\n"

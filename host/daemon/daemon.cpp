@@ -157,7 +157,9 @@ void Daemon::ArmStopWatchdog() {
 void Daemon::Serve() {
   pollfd fds[2] = {{m_signalFd, POLLIN, 0}, {m_wakeFd, POLLIN, 0}};
   while (!m_stopping) {
-    if (::poll(fds, 2, -1) < 0) {
+    // The wake-up bound keeps the kernel cache's age flush on time.
+    m_services->fanotify->ExpireKernelCache();
+    if (::poll(fds, 2, KernelCacheCheckMs) < 0) {
       if (errno == EINTR) continue;
       throw std::runtime_error(ErrnoText("main loop poll failed"));
     }
@@ -211,6 +213,8 @@ std::vector<std::pair<const char*, bool>> RestartKeys(const HostOptions& now, co
       {"signature_dir", now.signatureDir != fresh.signatureDir},
       {"engine_delay_ms", !engineTakesDelay && now.engineDelayMs != fresh.engineDelayMs},
       {"checked_cache_entries", now.checkedCacheEntries != fresh.checkedCacheEntries},
+      {"kernel_cache", now.kernelCache != fresh.kernelCache},
+      {"kernel_cache_entries", now.kernelCacheEntries != fresh.kernelCacheEntries},
       {"verdict_timeout_ms", now.verdictTimeoutMs != fresh.verdictTimeoutMs},
       {"permission_deadline_ms", now.permissionDeadlineMs != fresh.permissionDeadlineMs},
       {"metrics_file", now.metricsFile != fresh.metricsFile},
@@ -266,6 +270,8 @@ void Daemon::Reload() {
           [&] { m_options.denyUnscanned = fresh.denyUnscanned; });
     m_services->clamav->ReloadSignatures();
   }
+  // After the engine is in place: a file cached before must be judged by it.
+  m_services->fanotify->FlushKernelCache(KernelCache::FlushReason::Reload);
   apply("deadline_action", fresh.denyAtDeadline != m_options.denyAtDeadline, [&] {
     m_services->permissions->SetDeadlineAction(fresh.denyAtDeadline);
     m_options.denyAtDeadline = fresh.denyAtDeadline;
@@ -383,7 +389,8 @@ void SetUpInterception(Services& s, const HostOptions& options, HostMetrics& met
   s.fanotify = MakeHostObject<FanotifyEventsProvider>(
       TracerOf(s), metrics, objptr_t<nox::IMountProvider>(s.mounts.Get()),
       objptr_t<nox::IMountSubscription>(s.mounts.Get()), s.writes);
-  Require(s.fanotify->SetUp(), "cannot set up fanotify (oasd needs root)");
+  Require(s.fanotify->SetUp(options.kernelCache ? options.kernelCacheEntries : 0),
+          "cannot set up fanotify (oasd needs root)");
   s.permissions = std::make_shared<PermissionTable>(
       s.fanotify->Responder(), metrics, std::chrono::milliseconds(options.permissionDeadlineMs));
   s.permissions->SetDeadlineAction(options.denyAtDeadline);

@@ -30,6 +30,7 @@ class Daemon {
   static constexpr uint32_t FilterFlags = 0x1 | 0x2 | 0x4 | 0x8;
   // How long a stop waits for the module's last object before leaving it mapped.
   static constexpr int UnloadWaitMs = 10000;
+  static constexpr int KernelCacheCheckMs = 30000;
 
   // Blocks the signals the main loop reads, for this thread and every thread it starts
   // later; call before any thread exists.

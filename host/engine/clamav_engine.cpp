@@ -4,6 +4,7 @@
 // the engine, so no clean result found with old signatures survives a reload. Only a clean
 // answer for the whole file is ever cacheable: a limit or an error makes it unscanned.
 #include "host/engine/clamav_engine.h"
+#include "host/engine/engine_scratch_dir.h"
 #include "host/engine/module_cacheable.h"
 
 #include <clamav.h>
@@ -193,6 +194,7 @@ qeb::result_t ClamavEngine::SetUp() {
     QEB_TRACE(m_tracer, LevelError) << "cannot initialise libclamav: " << cl_strerror(r);
     return res::Unspecified;
   }
+  QEB_TRACE(m_tracer, LevelNotice) << "engine: " << ScratchDirForEngine().note;
   return ReloadSignatures();
 }
 
@@ -224,6 +226,8 @@ qeb::result_t ClamavEngine::LoadEngine(EnginePtr& engine, unsigned& signatures) 
   if (!engine) return res::OutOfMemory;
   cl_engine_set_clcb_virus_found(engine.get(), CollectName);
   cl_error_t r = ApplyLimits(engine.get(), m_nextLimits);
+  if (const std::string& tmp = ScratchDirForEngine().path; r == CL_SUCCESS && !tmp.empty())
+    r = cl_engine_set_str(engine.get(), CL_ENGINE_TMPDIR, tmp.c_str());
   if (r == CL_SUCCESS) r = cl_load(m_signatureDir.c_str(), engine.get(), &signatures, CL_DB_STDOPT);
   if (r == CL_SUCCESS && signatures == 0) {
     QEB_TRACE(m_tracer, LevelError) << "engine: no signatures in " << m_signatureDir;

@@ -81,6 +81,7 @@ class EventRecordBuilder {
   bool HasMetadata() const noexcept { return m_hasMetadata; }
   uint64_t Device() const noexcept { return m_hasMetadata ? m_stat.st_dev : 0; }
   uint64_t MountId() const noexcept { return m_mountId; }
+  int64_t Size() const noexcept { return m_hasMetadata ? static_cast<int64_t>(m_stat.st_size) : -1; }
 
   // The record for fd, with the path and metadata last read. The reply handle is the
   // cookie, so the module never mistakes an event for one that needs no answer.

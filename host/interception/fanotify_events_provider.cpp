@@ -44,23 +44,47 @@ using qeb::trace::LevelNotice;
 // descriptor number that has since been reused. An open event descriptor waits in exactly
 // one group, and the others refuse its number with ENOENT, so an answer is offered to each
 // group in turn, the local lane's first.
+// The kernel cache marks only the local lane's group ([0]): a server's filesystem never gets
+// a mark, and an event the local group does not hold takes its mark back.
 class FanotifyResponder final : public PermissionResponder {
  public:
-  explicit FanotifyResponder(std::vector<int> groups) noexcept : m_groups(std::move(groups)) {}
+  FanotifyResponder(std::vector<int> groups, std::unique_ptr<KernelCache> cache) noexcept
+      : m_groups(std::move(groups)), m_cache(std::move(cache)) {}
   ~FanotifyResponder() override { Shutdown(); }
 
   void Respond(int fd, bool allow) noexcept override {
-    const fanotify_response response{fd, allow ? uint32_t{FAN_ALLOW} : uint32_t{FAN_DENY}};
     std::shared_lock lock(m_mutex);
-    for (const int group : m_groups) {
-      ssize_t n;
-      while ((n = ::write(group, &response, sizeof response)) < 0 && errno == EINTR) {
-      }
-      if (n >= 0 || errno != ENOENT) return;
-    }
+    RespondFrom(0, fd, allow);
+  }
+
+  void RespondClean(int fd, const CleanFile& seen) noexcept override {
+    std::shared_lock lock(m_mutex);
+    if (!m_cache || m_groups.empty()) return RespondFrom(0, fd, true);
+    const bool marked = m_cache->Add(m_groups[0], fd, seen);
+    if (Answered(m_groups[0], fd, true)) return;
+    if (marked) m_cache->Remove(m_groups[0], fd);
+    RespondFrom(1, fd, true);
+  }
+
+  void ForgetClean(int fd) noexcept {
+    std::shared_lock lock(m_mutex);
+    if (m_cache && !m_groups.empty()) m_cache->Remove(m_groups[0], fd);
+  }
+
+  void FlushClean(KernelCache::FlushReason reason, uint64_t readUpTo, bool onlyAged) noexcept {
+    std::shared_lock lock(m_mutex);
+    if (!m_cache || m_groups.empty()) return;
+    if (!onlyAged || m_cache->Aged(KernelCache::Clock::now()))
+      m_cache->Flush(m_groups[0], reason, readUpTo);
   }
 
   void Close(int fd) noexcept override { ::close(fd); }
+
+  // m_mutex held (shared): offers the answer to the groups from first on.
+  void RespondFrom(size_t first, int fd, bool allow) noexcept {
+    for (size_t i = first; i < m_groups.size(); ++i)
+      if (Answered(m_groups[i], fd, allow)) return;
+  }
 
   void Shutdown() noexcept {
     std::unique_lock lock(m_mutex);
@@ -69,8 +93,18 @@ class FanotifyResponder final : public PermissionResponder {
   }
 
  private:
+  // false when group does not hold the event.
+  static bool Answered(int group, int fd, bool allow) noexcept {
+    const fanotify_response response{fd, allow ? uint32_t{FAN_ALLOW} : uint32_t{FAN_DENY}};
+    ssize_t n;
+    while ((n = ::write(group, &response, sizeof response)) < 0 && errno == EINTR) {
+    }
+    return n >= 0 || errno != ENOENT;
+  }
+
   std::shared_mutex m_mutex;
   std::vector<int> m_groups;
+  const std::unique_ptr<KernelCache> m_cache;  // null: the kernel caches nothing
 };
 
 namespace {
@@ -160,7 +194,7 @@ FanotifyEventsProvider::~FanotifyEventsProvider() { TearDown(); }
 // (the rename group, another lane) has a mark pinned. The rename group is opened last,
 // numbered above the permission groups, the closing order that would hang otherwise: the
 // kill drill runs in it.
-qeb::result_t FanotifyEventsProvider::SetUp() {
+qeb::result_t FanotifyEventsProvider::SetUp(size_t kernelCacheEntries) {
   RaiseDescriptorLimit();
   std::vector<int> groups;
   for (size_t lane = 0; lane <= ServerLanes; ++lane) {
@@ -180,7 +214,15 @@ qeb::result_t FanotifyEventsProvider::SetUp() {
     m_lanes[lane].group = groups[lane];
     m_lanes[lane].server = lane > 0;
   }
-  m_responder = std::make_shared<FanotifyResponder>(std::move(groups));
+  std::unique_ptr<KernelCache> cache;
+  if (kernelCacheEntries > 0 && KernelCache::Supported(groups[0])) {
+    cache = std::make_unique<KernelCache>(m_metrics, *m_writes, kernelCacheEntries);
+  } else if (kernelCacheEntries > 0) {
+    QEB_TRACE(m_tracer, LevelNotice)
+        << "fanotify: this kernel takes no evictable ignore marks (" << std::strerror(errno)
+        << "); every open of a clean file goes through oasd";
+  }
+  m_responder = std::make_shared<FanotifyResponder>(std::move(groups), std::move(cache));
   OpenRenameGroup();
   m_stopFd.Reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   if (!m_stopFd.Valid()) return ErrnoResult(errno);
@@ -235,6 +277,14 @@ void FanotifyEventsProvider::TearDown() noexcept {
   m_table.reset();
 }
 
+void FanotifyEventsProvider::FlushKernelCache(KernelCache::FlushReason reason) noexcept {
+  if (m_responder) m_responder->FlushClean(reason, m_nextCookie.load(), false);
+}
+
+void FanotifyEventsProvider::ExpireKernelCache() noexcept {
+  if (m_responder) m_responder->FlushClean(KernelCache::FlushReason::Age, 0, true);
+}
+
 // ---- subscription --------------------------------------------------------------------
 
 qeb::result_t FanotifyEventsProvider::Subscribe(
@@ -244,7 +294,10 @@ qeb::result_t FanotifyEventsProvider::Subscribe(
 
 qeb::result_t FanotifyEventsProvider::Resubscribe(
     nox::IFileEventsReceiver* receiver, const nox::FileEventsSubscription& subscription) noexcept {
-  return Attach(receiver, subscription, true);
+  // The module resubscribes when it resets its caches: the kernel's go with them.
+  const qeb::result_t r = Attach(receiver, subscription, true);
+  FlushKernelCache(KernelCache::FlushReason::Settings);
+  return r;
 }
 
 qeb::result_t FanotifyEventsProvider::Unsubscribe(nox::IFileEventsReceiver* receiver) noexcept {
@@ -320,6 +373,9 @@ qeb::result_t FanotifyEventsProvider::OnMountListChanged(const nox::MountList& a
                                                          const nox::MountList&,
                                                          const nox::MountList& current) noexcept {
   m_mountGeneration.fetch_add(1, std::memory_order_relaxed);
+  // The module's cache refuses entries of a device that went and came back; the kernel's
+  // follows any mount change, so it never keeps what the module dropped.
+  FlushKernelCache(KernelCache::FlushReason::Mount);
   if (added.empty()) return res::Ok;
   try {
     std::lock_guard lock(m_marksMutex);
@@ -565,7 +621,12 @@ void FanotifyEventsProvider::HandlePermissionGroupEvent(const fanotify_event_met
   bool handedOver = false;
   try {
     // Noted before any later event of the file is read, so its record shows the write.
-    if (event.mask & (FAN_MODIFY | FAN_CLOSE_WRITE)) m_writes->NoteWriteTo(event.fd);
+    if (event.mask & (FAN_MODIFY | FAN_CLOSE_WRITE)) {
+      m_writes->NoteWriteTo(event.fd);
+      // The kernel clears the mark on write() itself, but not for a shared mapping's writes:
+      // their close is the first oasd hears of them.
+      m_responder->ForgetClean(event.fd);
+    }
     if (!(event.mask & (FAN_OPEN_PERM | FAN_OPEN_EXEC_PERM | FAN_CLOSE_WRITE))) {
       LetThrough(event.fd, permission, cookie);
       return;
@@ -641,7 +702,7 @@ void FanotifyEventsProvider::Deliver(int fd, int32_t pid, uint32_t oper, bool pe
     // From here on the event is answered exactly once: by the table, or here when it is
     // drained and takes nothing more.
     handedOver = true;
-    if (!m_table || !m_table->Add(fd, cookie, kind)) {
+    if (!m_table || !m_table->Add(fd, cookie, kind, records.Size())) {
       AnswerNow(fd, permission);
       return;
     }

@@ -4,7 +4,8 @@
 // subscription (receiver and path filter). Every event descriptor read is answered and
 // closed here, or handed to the permission table, which owns it from then on. The groups are
 // answered through the responder, shared with the table, and closed by TearDown. Writes are
-// noted in the written-files table it shares. Locks: marks and subscription are never held
+// noted in the written-files table it shares. The kernel cache's bookkeeping is the
+// responder's, reached only through it. Locks: marks and subscription are never held
 // together, nor across a call into the module.
 #pragma once
 
@@ -24,6 +25,7 @@
 #include "host/interception/event_record.h"
 #include "host/interception/event_scope.h"
 #include "host/interception/fanotify_marks.h"
+#include "host/interception/kernel_cache.h"
 #include "host/common/host_metrics.h"
 #include "host/interception/permission_table.h"
 #include "host/system/written_files.h"
@@ -59,8 +61,10 @@ class FanotifyEventsProvider
   ~FanotifyEventsProvider();
 
   // Creates the groups; fails when the kernel refuses permission events (not root, or no
-  // fanotify). A kernel without rename events is noted once and interception goes on.
-  qeb::result_t SetUp();
+  // fanotify). A kernel without rename events is noted once and interception goes on, and
+  // so does one without evictable ignore marks, without the kernel cache. kernelCacheEntries:
+  // how many clean files the kernel may answer for at once, 0 for none.
+  qeb::result_t SetUp(size_t kernelCacheEntries = 0);
   // Answers permission events of every lane; the permission table's responder.
   std::shared_ptr<PermissionResponder> Responder() const;
   // Starts the readers, which hand the events the module queues to table, and follows the
@@ -69,6 +73,13 @@ class FanotifyEventsProvider
   // Removes the marks, stops the readers and closes the groups: the kernel allows whatever
   // it still held. Call after the table's Drain. Idempotent.
   void TearDown() noexcept;
+
+  // Drops every clean file the kernel answers for; an event already read can no longer
+  // become one. Call after the change is in force (the engine reloaded, say).
+  void FlushKernelCache(KernelCache::FlushReason reason) noexcept;
+  // The flush that keeps the kernel's entries younger than the module's; call at least
+  // every 30 s.
+  void ExpireKernelCache() noexcept;
 
   // One receiver at a time: a second one is refused until the first unsubscribes.
   qeb::result_t Subscribe(nox::IFileEventsReceiver* receiver,

@@ -30,7 +30,7 @@ void PermissionTable::Start() {
   m_thread = std::thread([this] { RunDeadlines(); });
 }
 
-bool PermissionTable::Add(int fd, uint64_t cookie, Kind kind) noexcept {
+bool PermissionTable::Add(int fd, uint64_t cookie, Kind kind, int64_t size) noexcept {
   if (fd < 0 || cookie == 0) return false;
   std::lock_guard lock(m_mutex);
   if (m_drained) return false;
@@ -44,7 +44,7 @@ bool PermissionTable::Add(int fd, uint64_t cookie, Kind kind) noexcept {
   // An open descriptor cannot be handed out twice, so a busy slot means a caller's mistake;
   // the caller keeps the event and answers it.
   if (slot.cookie != 0) return false;
-  slot = Slot{cookie, kind, false, false};
+  slot = Slot{cookie, kind, false, false, false, size};
   ++m_held;
   if (kind == Kind::Notification) m_notifications.fetch_add(1, std::memory_order_relaxed);
   return true;
@@ -68,15 +68,18 @@ void PermissionTable::MarkPending(int fd, uint64_t cookie) noexcept {
   if (wake) m_wake.notify_one();
 }
 
-bool PermissionTable::Complete(int fd, uint64_t cookie, bool allow) noexcept {
+bool PermissionTable::Complete(int fd, uint64_t cookie, bool allow,
+                               const vrel::EventParams* clean) noexcept {
   bool answer = false;
   bool completed = false;
+  int64_t size = -1;
   {
     std::lock_guard lock(m_mutex);
     Slot* slot = Find(fd, cookie);
     if (!slot) return false;
     answer = slot->kind == Kind::Permission && !slot->answered;
     completed = !slot->answered;
+    size = slot->size;
     if (slot->pending) m_metrics.pending.fetch_sub(1, std::memory_order_relaxed);
     if (slot->kind == Kind::Notification) m_notifications.fetch_sub(1, std::memory_order_relaxed);
     *slot = Slot{};
@@ -84,7 +87,10 @@ bool PermissionTable::Complete(int fd, uint64_t cookie, bool allow) noexcept {
   }
   // The slot is free but the descriptor still open: its number cannot name another event
   // until the close below.
-  if (answer) m_responder->Respond(fd, allow);
+  if (answer && allow && clean && size >= 0)
+    m_responder->RespondClean(fd, CleanFile{clean->ctime, clean->mtime, size, cookie});
+  else if (answer)
+    m_responder->Respond(fd, allow);
   m_responder->Close(fd);
   return completed;
 }

@@ -17,8 +17,17 @@
 #include <vector>
 
 #include "host/common/host_metrics.h"
+#include "interfaces/vrel/event_params.h"
 
 namespace oasd {
+
+// A file allowed as clean, as its event saw it: what a cache of the verdict is checked against.
+struct CleanFile {
+  vrel::Timespec ctime;  // as the record carries it (with the write generation)
+  vrel::Timespec mtime;
+  int64_t size = -1;
+  uint64_t cookie = 0;  // orders the event against cache flushes
+};
 
 // How the table reaches the kernel: answer a permission event named by its descriptor,
 // and close a descriptor. An answer always comes before the descriptor is closed, since
@@ -27,6 +36,8 @@ class PermissionResponder {
  public:
   virtual ~PermissionResponder() = default;
   virtual void Respond(int fd, bool allow) noexcept = 0;
+  // Allows the event, and the kernel may answer the file's next opens itself.
+  virtual void RespondClean(int fd, const CleanFile&) noexcept { Respond(fd, true); }
   virtual void Close(int fd) noexcept = 0;
 };
 
@@ -49,13 +60,15 @@ class PermissionTable {
 
   // Takes the event before the module sees it: its verdict may come back before OnEvent
   // returns. false once drained (or out of memory): the caller answers and closes it itself.
-  bool Add(int fd, uint64_t cookie, Kind kind) noexcept;
+  // size: the file's as the event saw it, -1 when unread (the kernel never caches it then).
+  bool Add(int fd, uint64_t cookie, Kind kind, int64_t size = -1) noexcept;
   // The module queued the event; a permission event now runs against the deadline.
   void MarkPending(int fd, uint64_t cookie) noexcept;
   // An answer for the event: the module's immediate one or its verdict. Answers and closes
   // the event and returns true when it was still waiting. An event the deadline or the drain
   // already answered only has its descriptor closed, and an unknown one is left alone.
-  bool Complete(int fd, uint64_t cookie, bool allow) noexcept;
+  // clean: the module allowed the file as clean (verdict 1), with the record it was judged on.
+  bool Complete(int fd, uint64_t cookie, bool allow, const vrel::EventParams* clean = nullptr) noexcept;
   // The engine is about to hand over its answer for the event behind fd: the deadline holds
   // off once, for VerdictGrace, so that the verdict and not the deadline answers it. False
   // when the deadline or the drain answered it already, so the answer comes late; true for
@@ -83,6 +96,7 @@ class PermissionTable {
     bool answered = false;
     bool pending = false;
     bool verdictExpected = false;  // ExpectVerdict: the deadline waits once more
+    int64_t size = -1;
   };
   struct Due {
     Clock::time_point at;

@@ -25,7 +25,8 @@ class VerdictNotifier
                            uint32_t verdict) noexcept override;
 
  private:
-  qeb::result_t Deliver(int fd, uint64_t cookie, uint32_t verdict) noexcept;
+  qeb::result_t Deliver(int fd, uint64_t cookie, uint32_t verdict,
+                        const vrel::EventParams& params) noexcept;
 
   const std::shared_ptr<PermissionTable> m_table;
   HostMetrics& m_metrics;

@@ -95,6 +95,15 @@ void AppendHostMetrics(std::string& page, const HostMetrics& host) {
   counter("oasd_scans_total", "Files the engine scanned", host.scans);
   counter("oasd_checked_cache_hits_total", "Scans answered from the engine's checked cache",
           host.checkedCacheHits);
+  counter("oasd_kernel_cache_marks_added_total", "Clean files the kernel now answers for",
+          host.kernelMarksAdded);
+  counter("oasd_kernel_cache_marks_removed_total",
+          "Kernel cache marks taken back (a write, a race with the scan)", host.kernelMarksRemoved);
+  AppendHeader(page, "oasd_kernel_cache_flushes_total", "Kernel cache flushes", "counter");
+  for (size_t i = 0; i < host.kernelFlushes.size(); ++i)
+    page += std::string("oasd_kernel_cache_flushes_total{reason=\"") +
+            HostMetrics::KernelFlushReasons[i] + "\"} " +
+            std::to_string(host.kernelFlushes[i].load(std::memory_order_relaxed)) + '\n';
   AppendValue(page, "oasd_pending_events", "Permission events waiting for a verdict", "gauge",
               host.pending.load(std::memory_order_relaxed));
   AppendLatency(page, host);

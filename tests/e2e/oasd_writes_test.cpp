@@ -19,7 +19,8 @@ int64_t ChangeTimeNs(const std::string& path) {
   return st.st_ctim.tv_sec * 1'000'000'000LL + st.st_ctim.tv_nsec;
 }
 
-// Opens the file twice from one process; the module's cache must serve one of the opens.
+// Opens the file twice from one process; the module's cache must serve one of the opens (the
+// kernel's is off in these scenarios, oasd_kernel_cache_test.cpp has it on).
 void CacheAsClean(Sandbox& s, const std::string& path) {
   const auto hits = [&] { return MetricValue(s.Metrics(), "oas_cache_hits_total").value_or(0); };
   const uint64_t before = hits();
@@ -38,7 +39,7 @@ TEST(OasdWrites, CachedFileRewrittenThroughASharedMappingIsReportedAtUnmapAndRef
     const std::string file = s.Watched("mapped.txt");
     const size_t size = kCleanOfEicarSize.size();
     WriteFile(file, kCleanOfEicarSize);
-    if (!s.StartOasd(R"("engine": "clamav")")) return;
+    if (!s.StartOasd(R"("engine": "clamav", "kernel_cache": false)")) return;
     const int fd = ::open(file.c_str(), O_RDWR);
     void* mapped = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     auto* map = static_cast<char*>(mapped);
@@ -67,7 +68,7 @@ TEST(OasdWrites, SameSecondSameSizeRewriteOnExt2IsRefusedOnTheNextOpen) {
                              " && mkfs.ext2 -q -F -I 128 " + image +
                              " 2>/dev/null && mount -o loop " + image + " " + dir;
     if (std::system(make.c_str()) != 0) return s.Expect(false, "cannot make and mount " + image);
-    if (!s.StartOasd(R"("engine": "clamav")")) return;
+    if (!s.StartOasd(R"("engine": "clamav", "kernel_cache": false)")) return;
     // A second that turns in the middle leaves nothing to show: try again.
     for (int attempt = 0; attempt < 5; ++attempt) {
       const std::string file = dir + "/rewritten" + std::to_string(attempt) + ".txt";
