@@ -507,6 +507,11 @@ nox::settings::OASSettings DefaultSettings() {
   base.infected_action = 3;  // block
   base.use_ichecker = true;
   base.scan_filter = 0;  // all files
+  // Everything libclamav can open is opened, as before these keys did anything.
+  base.scan_archived = base.scan_sfx_archived = base.scan_mail_bases = base.scan_plain_mail = true;
+  base.report_unprocessed_objects = true;
+  settings.ScanSettings.EmulatorSettings.use_emulator = true;
+  settings.ScanSettings.EmulatorSettings.heuristic_level = 3;  // recommended
   settings.skipPlainTextFiles = true;
   settings.skipDatabaseJournals = true;
   return settings;

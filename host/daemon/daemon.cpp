@@ -425,6 +425,11 @@ void SetUpEngine(Services& s, const HostOptions& options, HostMetrics& metrics) 
       [log](const UnprocessedRecord& record) { log->Unprocessed(record); }, s.writes);
   // A detection's answer is announced to the deadline, so the records can tell a late one.
   s.clamav->SetExpectVerdict([table = s.permissions](int fd) { return table->ExpectVerdict(fd); });
+  s.clamav->SetObjectCallback([log](const ObjectRecord& record) { log->Object(record); });
+  if (options.settings.ScanSettings.ScanSettingsBase.use_sandbox) {
+    QEB_TRACE(tracer, trace::LevelNotice)
+        << "oasd: use_sandbox is set, but libclamav has no sandbox: files are scanned in oasd's process";
+  }
   Require(s.clamav->SetUp(), "cannot load the signatures from " + SignatureDirFor(options));
   s.engine = objptr_t<vrel::IEventHandler085>(s.clamav.Get());
 }

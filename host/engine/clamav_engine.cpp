@@ -107,7 +107,18 @@ std::optional<uint32_t> ProcessUid(int32_t pid) {
 struct ScanNames {
   std::string threat;  // the first that is not a limit
   std::string limit;
+  std::string type;    // libclamav's type of the file itself
+  unsigned embedded = 0;  // objects taken out of it
 };
+
+cl_error_t InspectFile(int, const char* type, const char**, size_t, const char*, size_t, const char*,
+                       uint32_t recursionLevel, uint32_t, void* context) {
+  if (!context) return CL_CLEAN;
+  auto& names = *static_cast<ScanNames*>(context);
+  if (recursionLevel > 0) ++names.embedded;
+  else if (type && names.type.empty()) names.type = type;
+  return CL_CLEAN;
+}
 
 void CollectName(int, const char* name, void* context) {
   if (!context || !name) return;
@@ -118,15 +129,6 @@ void CollectName(int, const char* name, void* context) {
 
 off_t ReadAt(void* handle, void* buffer, size_t count, off_t offset) {
   return ::pread(static_cast<int>(reinterpret_cast<intptr_t>(handle)), buffer, count, offset);
-}
-
-cl_scan_options ScanOptions() {
-  cl_scan_options options{};
-  options.parse = ~0u;
-  // Without this a file past a limit comes back clean.
-  options.general = CL_SCAN_GENERAL_HEURISTICS;
-  options.heuristic = CL_SCAN_HEURISTIC_EXCEEDS_MAX;
-  return options;
 }
 
 ScanOutcome Outcome(ScanOutcome::Kind kind, std::string text = {}) {
@@ -145,7 +147,12 @@ ScanOutcome Unscanned(UnscannedReason reason, std::string detail) {
 ScanOutcome Interpret(cl_error_t r, const char* virname, const ScanNames& names) {
   if (!names.threat.empty()) return Outcome(ScanOutcome::Detected, ThreatName(names.threat.c_str()));
   if (!names.limit.empty()) return Unscanned(*LimitNamed(names.limit), names.limit);
-  if (r == CL_CLEAN) return Outcome(ScanOutcome::Clean);
+  if (r == CL_CLEAN) {
+    ScanOutcome clean = Outcome(ScanOutcome::Clean);
+    clean.type = names.type;
+    clean.embedded = names.embedded;
+    return clean;
+  }
   if (r == CL_VIRUS) {
     if (virname)
       if (const auto limit = LimitNamed(virname)) return Unscanned(*limit, virname);
@@ -180,6 +187,7 @@ ClamavEngine::ClamavEngine(qeb::objptr_t<qeb::ITracer> tracer, HostMetrics& metr
       m_useChecker(options.settings.ScanSettings.ScanSettingsBase.use_ichecker),
       m_denyUnscanned(options.denyUnscanned),
       m_delayMs(options.engineDelayMs),
+      m_policy(std::make_shared<const ScanPolicy>(PolicyFor(options))),
       m_nextLimits(LimitsFor(options)),
       m_checked(options.checkedCacheEntries),
       m_writes(writes ? std::move(writes) : std::make_shared<const WrittenFiles>()) {}
@@ -223,7 +231,11 @@ qeb::result_t ClamavEngine::LoadEngine(EnginePtr& engine, unsigned& signatures) 
   engine = EnginePtr(cl_engine_new(), cl_engine_free);
   if (!engine) return res::OutOfMemory;
   cl_engine_set_clcb_virus_found(engine.get(), CollectName);
+  cl_engine_set_clcb_file_inspection(engine.get(), InspectFile);
   cl_error_t r = ApplyLimits(engine.get(), m_nextLimits);
+  // libclamav's own clean cache keys on content alone, so an answer found with archives off
+  // would outlive the setting; the checked cache is oasd's one cache, cleared with the policy.
+  if (r == CL_SUCCESS) r = cl_engine_set_num(engine.get(), CL_ENGINE_DISABLE_CACHE, 1);
   if (r == CL_SUCCESS) r = cl_load(m_signatureDir.c_str(), engine.get(), &signatures, CL_DB_STDOPT);
   if (r == CL_SUCCESS && signatures == 0) {
     QEB_TRACE(m_tracer, LevelError) << "engine: no signatures in " << m_signatureDir;
@@ -243,6 +255,11 @@ ClamavEngine::EnginePtr ClamavEngine::CurrentEngine() const {
   return m_engine;
 }
 
+std::shared_ptr<const ScanPolicy> ClamavEngine::CurrentPolicy() const {
+  std::lock_guard lock(m_engineMutex);
+  return m_policy;
+}
+
 void ClamavEngine::ApplyOptions(const HostOptions& options) noexcept {
   m_useChecker = options.settings.ScanSettings.ScanSettingsBase.use_ichecker;
   {
@@ -251,6 +268,13 @@ void ClamavEngine::ApplyOptions(const HostOptions& options) noexcept {
   }
   m_delayChanged.notify_all();
   m_denyUnscanned = options.denyUnscanned;
+  {
+    // A clean answer holds only for the options it was found under.
+    auto policy = std::make_shared<const ScanPolicy>(PolicyFor(options));
+    std::lock_guard lock(m_engineMutex);
+    m_policy.swap(policy);
+  }
+  m_checked.Clear();
   std::lock_guard reload(m_reloadMutex);
   m_nextLimits = LimitsFor(options);
 }
@@ -302,7 +326,7 @@ ScanOutcome ClamavEngine::ScanWithEngine(int fd, const EnginePtr& engine) {
   // The descriptor is an open file description of its own (fanotify opens one per event),
   // so moving its offset disturbs nobody.
   ::lseek(fd, 0, SEEK_SET);
-  cl_scan_options options = ScanOptions();
+  cl_scan_options options = ScanOptionsFor(*CurrentPolicy(), fd);
   const char* virname = nullptr;
   unsigned long scanned = 0;
   ScanNames names;
@@ -323,7 +347,7 @@ ScanOutcome ClamavEngine::ScanHead(int fd, const EnginePtr& engine, uint64_t siz
       cl_fmap_open_handle(reinterpret_cast<void*>(static_cast<intptr_t>(fd)), 0, length, ReadAt, 1),
       cl_fmap_close);
   if (!map) return Unscanned(UnscannedReason::ScanError, "cannot map the file's head");
-  cl_scan_options options = ScanOptions();
+  cl_scan_options options = ScanOptionsFor(*CurrentPolicy(), fd);
   const char* virname = nullptr;
   unsigned long scanned = 0;
   ScanNames names;
@@ -372,7 +396,13 @@ qeb::result_t ClamavEngine::Handle(vrel::IEvent085* event) noexcept {
       QEB_TRACE(m_tracer, LevelDetail) << "engine: no descriptor, allowed unscanned";
       return event->Reply(vrel::BasicVerdict::Allow);
     }
-    return Answer(event, ScanDescriptor(fd));
+    const auto policy = CurrentPolicy();
+    if (const std::string why = PassUnscanned(event, *policy, fd); !why.empty()) {
+      // Never cacheable: the settings may change, and the file must be scanned then.
+      QEB_TRACE(m_tracer, LevelDetail) << "engine: " << why << ", allowed unscanned: " << EventPath(event);
+      return event->Reply(vrel::BasicVerdict::Allow);
+    }
+    return Answer(event, ScanDescriptor(fd), *policy);
   } catch (...) {
     const qeb::result_t r = qeb::TraceCurrentException(m_tracer.Get());
     event->Reply(vrel::BasicVerdict::Allow);
@@ -380,34 +410,76 @@ qeb::result_t ClamavEngine::Handle(vrel::IEvent085* event) noexcept {
   }
 }
 
-qeb::result_t ClamavEngine::Answer(vrel::IEvent085* event, const ScanOutcome& outcome) {
+// Executions are scanned whatever the filter: running a file is what the filter guards.
+std::string ClamavEngine::PassUnscanned(vrel::IEvent085* event, const ScanPolicy& policy, int fd) {
+  const std::string path = EventPath(event);
+  if (PathExcluded(policy, path)) return "path excluded by ExcludeMasks";
+  vrel::EventHeader header{};
+  event->GetEventHeader(header);
+  if (m_trusted && m_trusted(header.processId, path)) return "opened by a trusted program";
+  if (header.functionGroup != kGroupProcess && !FilterSelects(policy, fd, path))
+    return "not selected by scan_filter";
+  return {};
+}
+
+qeb::result_t ClamavEngine::Answer(vrel::IEvent085* event, const ScanOutcome& outcome,
+                                   const ScanPolicy& policy) {
   switch (outcome.kind) {
     case ScanOutcome::Clean:
+      ReportObject(event, outcome, policy);
       AllowModuleCache(event);
       return event->Reply(vrel::BasicVerdict::Allow);
     case ScanOutcome::Detected:
-      ReportDetection(event, outcome.threat);
+      if (ThreatExcluded(policy, outcome.threat)) {
+        // Neither acted upon nor a detection, and never cacheable: the log says why it passed.
+        QEB_TRACE(m_tracer, LevelNotice) << "engine: " << outcome.threat
+                                         << " is excluded by ExcludeThreats, allowed: " << EventPath(event);
+        return event->Reply(vrel::BasicVerdict::Allow);
+      }
+      ReportDetection(event, outcome.threat, policy);
       return event->Reply(vrel::BasicVerdict::Deny);
     case ScanOutcome::Unscanned: break;
   }
   // Never cacheable: the next open scans the file again.
   const bool deny = m_denyUnscanned;
-  ReportUnprocessed(event, outcome, deny);
+  ReportUnprocessed(event, outcome, deny, policy.reportUnprocessed);
   return event->Reply(deny ? vrel::BasicVerdict::Deny : vrel::BasicVerdict::Allow);
 }
 
-void ClamavEngine::ReportDetection(vrel::IEvent085* event, const std::string& threat) {
+void ClamavEngine::ReportObject(vrel::IEvent085* event, const ScanOutcome& outcome,
+                                const ScanPolicy& policy) {
+  const bool packed = policy.reportPacked && outcome.embedded > 0;
+  if (!m_onObject || outcome.fromCache || (!packed && !policy.reportClean)) return;
+  vrel::EventHeader header{};
+  event->GetEventHeader(header);
+  ObjectRecord record{packed ? "packed" : "clean", EventPath(event),
+                      packed ? outcome.type + ", " + std::to_string(outcome.embedded) + " objects inside"
+                             : outcome.type,
+                      std::nullopt, OperationName(header)};
+  if (header.processId > 0) record.pid = static_cast<uint32_t>(header.processId);
+  try {
+    m_onObject(record);
+  } catch (...) {
+    qeb::TraceCurrentException(m_tracer.Get());
+  }
+}
+
+void ClamavEngine::ReportDetection(vrel::IEvent085* event, const std::string& threat,
+                                   const ScanPolicy& policy) {
   vrel::EventHeader header{};
   event->GetEventHeader(header);
   DetectionRecord record{EventPath(event), threat, std::nullopt, ProcessUid(header.processId),
                          OperationName(header)};
   if (header.processId > 0) record.pid = static_cast<uint32_t>(header.processId);
+  record.action = policy.action == InfectedAction::Notify ? "reported" : "blocked";
+  if (policy.disinfectAsked) record.note = "disinfection is not available; blocked instead";
   // The verdict follows at once and the deadline now waits for it, so "late" says exactly
   // whether the opener was still waiting for this answer.
   record.late = m_expectVerdict && !m_expectVerdict(EventDescriptor(event));
   QEB_TRACE(m_tracer, LevelNotice) << "engine: detected " << threat << " in " << record.path << " ("
                                    << record.operation << " by pid " << header.processId << ")"
-                                   << (record.late ? ", after the open was answered" : "");
+                                   << (record.late ? ", after the open was answered" : "")
+                                   << (record.note.empty() ? "" : "; " + record.note);
   if (!m_onDetection) return;
   try {
     m_onDetection(record);
@@ -416,7 +488,8 @@ void ClamavEngine::ReportDetection(vrel::IEvent085* event, const std::string& th
   }
 }
 
-void ClamavEngine::ReportUnprocessed(vrel::IEvent085* event, const ScanOutcome& outcome, bool denied) {
+void ClamavEngine::ReportUnprocessed(vrel::IEvent085* event, const ScanOutcome& outcome, bool denied,
+                                     bool write) {
   m_metrics.unprocessed[static_cast<size_t>(outcome.reason)].fetch_add(1, std::memory_order_relaxed);
   vrel::EventHeader header{};
   event->GetEventHeader(header);
@@ -432,7 +505,7 @@ void ClamavEngine::ReportUnprocessed(vrel::IEvent085* event, const ScanOutcome& 
   QEB_TRACE(m_tracer, level) << "engine: not scanned whole (" << record.reason << ": "
                              << record.detail << "), " << (denied ? "denied" : "allowed") << ": "
                              << record.path;
-  if (!m_onUnprocessed) return;
+  if (!m_onUnprocessed || !write) return;
   try {
     m_onUnprocessed(record);
   } catch (...) {
