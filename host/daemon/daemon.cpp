@@ -41,6 +41,7 @@
 #include "host/system/task_manager.h"
 #include "host/system/thread_pool.h"
 #include "host/system/timer_service.h"
+#include "host/system/trusted_programs.h"
 #include "host/system/written_files.h"
 #include "host/reporting/tracer.h"
 #include "host/interception/verdict_notifier.h"
@@ -76,6 +77,7 @@ struct Services {
   std::shared_ptr<PermissionTable> permissions;  // shared with the notifier and the readers
   objptr_t<VerdictNotifier> verdicts;
   objptr_t<ClamavEngine> clamav;  // set only with the ClamAV engine
+  std::shared_ptr<TrustedPrograms> trusted = std::make_shared<TrustedPrograms>();  // asked by the engine
   objptr_t<vrel::IEventHandler085> engine;
   objptr_t<ServiceLocator> locator = MakeHostObject<ServiceLocator>();
 };
@@ -279,6 +281,7 @@ void Daemon::Reload() {
   apply("watch", fresh.watchPaths != m_options.watchPaths, [] {});
   apply("settings", !(fresh.settings == m_options.settings), [&] {
     m_services->taskManager->ReplaceSettings(fresh.settings);
+    m_services->trusted->Apply(fresh.settings.ScanScopeWithTrustedPrograms.excluded_for_program);
     m_options.watchPaths = fresh.watchPaths;
     m_options.settings = fresh.settings;
   });
@@ -426,6 +429,10 @@ void SetUpEngine(Services& s, const HostOptions& options, HostMetrics& metrics) 
   // A detection's answer is announced to the deadline, so the records can tell a late one.
   s.clamav->SetExpectVerdict([table = s.permissions](int fd) { return table->ExpectVerdict(fd); });
   s.clamav->SetObjectCallback([log](const ObjectRecord& record) { log->Object(record); });
+  s.trusted->Apply(options.settings.ScanScopeWithTrustedPrograms.excluded_for_program);
+  s.clamav->SetTrustCheck([trusted = s.trusted](int32_t pid, const std::string& path) {
+    return trusted->Trusted(pid, path);
+  });
   if (options.settings.ScanSettings.ScanSettingsBase.use_sandbox) {
     QEB_TRACE(tracer, trace::LevelNotice)
         << "oasd: use_sandbox is set, but libclamav has no sandbox: files are scanned in oasd's process";

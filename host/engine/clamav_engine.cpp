@@ -373,7 +373,7 @@ void ClamavEngine::Delay() const noexcept {
 // ---- events ------------------------------------------------------------------------
 
 qeb::result_t ClamavEngine::OnEvent(vrel::IEvent085* event, uint32_t) noexcept {
-  return Handle(event);
+  return Handle(event, true);
 }
 
 qeb::result_t ClamavEngine::OnEventCancelled(vrel::IEvent085*, uint32_t) noexcept {
@@ -381,12 +381,13 @@ qeb::result_t ClamavEngine::OnEventCancelled(vrel::IEvent085*, uint32_t) noexcep
 }
 
 // A file closed after writing is scanned like an open, so a detection is reported even
-// though nobody waits for the answer.
+// though nobody waits for the answer. Trusted programs do not apply: the writer may have
+// exited and its pid be another's by now.
 qeb::result_t ClamavEngine::OnNotification(vrel::IEvent085* event, uint32_t) noexcept {
-  return Handle(event);
+  return Handle(event, false);
 }
 
-qeb::result_t ClamavEngine::Handle(vrel::IEvent085* event) noexcept {
+qeb::result_t ClamavEngine::Handle(vrel::IEvent085* event, bool waiting) noexcept {
   if (!event) return res::InvalidArgument;
   try {
     if (m_stopping) return event->Reply(vrel::BasicVerdict::Allow);
@@ -397,7 +398,7 @@ qeb::result_t ClamavEngine::Handle(vrel::IEvent085* event) noexcept {
       return event->Reply(vrel::BasicVerdict::Allow);
     }
     const auto policy = CurrentPolicy();
-    if (const std::string why = PassUnscanned(event, *policy, fd); !why.empty()) {
+    if (const std::string why = PassUnscanned(event, *policy, fd, waiting); !why.empty()) {
       // Never cacheable: the settings may change, and the file must be scanned then.
       QEB_TRACE(m_tracer, LevelDetail) << "engine: " << why << ", allowed unscanned: " << EventPath(event);
       return event->Reply(vrel::BasicVerdict::Allow);
@@ -411,12 +412,13 @@ qeb::result_t ClamavEngine::Handle(vrel::IEvent085* event) noexcept {
 }
 
 // Executions are scanned whatever the filter: running a file is what the filter guards.
-std::string ClamavEngine::PassUnscanned(vrel::IEvent085* event, const ScanPolicy& policy, int fd) {
+std::string ClamavEngine::PassUnscanned(vrel::IEvent085* event, const ScanPolicy& policy, int fd,
+                                        bool waiting) {
   const std::string path = EventPath(event);
   if (PathExcluded(policy, path)) return "path excluded by ExcludeMasks";
   vrel::EventHeader header{};
   event->GetEventHeader(header);
-  if (m_trusted && m_trusted(header.processId, path)) return "opened by a trusted program";
+  if (waiting && m_trusted && m_trusted(header.processId, path)) return "opened by a trusted program";
   if (header.functionGroup != kGroupProcess && !FilterSelects(policy, fd, path))
     return "not selected by scan_filter";
   return {};

@@ -91,9 +91,10 @@ class ClamavEngine : public qeb::object::Ifaces<vrel::IEventHandler085> {
  private:
   using EnginePtr = std::shared_ptr<cl_engine>;
 
-  qeb::result_t Handle(vrel::IEvent085* event) noexcept;
+  // waiting: a permission event, whose opener waits for the answer.
+  qeb::result_t Handle(vrel::IEvent085* event, bool waiting) noexcept;
   // Why the settings let this event pass unscanned; empty when it is to be scanned.
-  std::string PassUnscanned(vrel::IEvent085* event, const ScanPolicy& policy, int fd);
+  std::string PassUnscanned(vrel::IEvent085* event, const ScanPolicy& policy, int fd, bool waiting);
   qeb::result_t Answer(vrel::IEvent085* event, const ScanOutcome& outcome, const ScanPolicy& policy);
   void ReportDetection(vrel::IEvent085* event, const std::string& threat, const ScanPolicy& policy);
   void ReportObject(vrel::IEvent085* event, const ScanOutcome& outcome, const ScanPolicy& policy);

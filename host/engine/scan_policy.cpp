@@ -107,13 +107,6 @@ ScanPolicy PolicyFor(const HostOptions& options) {
   return policy;
 }
 
-bool MaskMatches(const std::string& mask, const std::string& path) noexcept {
-  if (mask.find('/') != std::string::npos) return ::fnmatch(mask.c_str(), path.c_str(), 0) == 0;
-  const size_t slash = path.rfind('/');
-  const char* name = path.c_str() + (slash == std::string::npos ? 0 : slash + 1);
-  return ::fnmatch(mask.c_str(), name, 0) == 0;
-}
-
 bool PathExcluded(const ScanPolicy& policy, const std::string& path) noexcept {
   return std::any_of(policy.excludedMasks.begin(), policy.excludedMasks.end(),
                      [&](const std::string& mask) { return MaskMatches(mask, path); });

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "host/common/host_options.h"
+#include "host/system/trusted_programs.h"  // MaskMatches
 
 namespace oasd {
 
@@ -40,9 +41,6 @@ struct ScanPolicy {
 
 ScanPolicy PolicyFor(const HostOptions& options);
 
-// A mask without '/' is matched against the file's name, one with '/' against the whole
-// path, where '*' also spans '/': "*.log" and "/var/log/*" both exclude /var/log/a/b.log.
-bool MaskMatches(const std::string& mask, const std::string& path) noexcept;
 bool PathExcluded(const ScanPolicy& policy, const std::string& path) noexcept;
 // Threat names match as masks too, so "Heuristics.*" excludes every heuristic alert.
 bool ThreatExcluded(const ScanPolicy& policy, const std::string& threat) noexcept;

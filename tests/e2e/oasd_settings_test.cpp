@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <utility>
+#include <vector>
 
 #include "oasd_harness.h"
 
@@ -52,6 +54,52 @@ TEST(OasdSettings, ExcludedMasksAndThreatsLetTheirFilesOpenWithoutADetection) {
     s.Expect(!s.FindEvent("detection", ""), "a detection line for an excluded path or threat");
     s.Expect(s.OasdLog().find("excluded by ExcludeThreats") != std::string::npos,
              "the log does not say the threat was excluded");
+  });
+}
+
+// Runs argv quietly; answers its exit status (cat's is 1 when the open is refused).
+int RunQuietly(const std::vector<std::string>& argv) {
+  const int null = ::open("/dev/null", O_WRONLY);
+  ::dup2(null, STDOUT_FILENO);
+  ::dup2(null, STDERR_FILENO);
+  std::vector<char*> args;
+  for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+  args.push_back(nullptr);
+  ::execv(args[0], args.data());
+  return 127;
+}
+
+std::string Trust(const std::string& program, bool descendants) {
+  return R"({"TrustedProgram": {"programPath": ")" + program + R"(", "useTrustedProgram": true, )" +
+         R"("applyToDescendants": )" + (descendants ? "true" : "false") + R"(}, "path": "/"})";
+}
+
+TEST(OasdSettings, TrustedProgramsReadWhatOthersMayNotByTheirFileNotTheirName) {
+  OASD_SCENARIO([](Sandbox& s) {
+    const std::string eicar = s.Watched("eicar.com");
+    const std::string cat = s.State("trusted-cat"), copy = s.State("copy-cat"), sh = s.State("trusted-sh");
+    WriteFile(eicar, kEicar);
+    for (const auto& [from, to] : {std::pair{"/bin/cat", cat}, {"/bin/cat", copy}, {"/bin/sh", sh}}) {
+      const std::string command = std::string("cp ") + from + " " + to;
+      s.Expect(std::system(command.c_str()) == 0, command);
+    }
+    const std::string entries = Trust(cat, false) + ", " + Trust(sh, true);
+    if (!s.StartOasd(R"("settings": {"ScanScopeWithTrustedPrograms": {"excluded_for_program": [)" +
+                     entries + "]}}"))
+      return;
+    const auto read = [&](std::vector<std::string> argv) { return InChild([&] { return RunQuietly(argv); }); };
+    const Exit trusted = read({cat, eicar});
+    s.Expect(trusted.Is(0), "the trusted cat: " + trusted.Text(false));
+    const Exit plain = read({"/bin/cat", eicar});
+    s.Expect(plain.Is(1), "plain cat: " + plain.Text(false));
+    const Exit copied = read({copy, eicar});
+    s.Expect(copied.Is(1), "a copy of the trusted cat elsewhere: " + copied.Text(false));
+    // A list keeps the shell from replacing itself with cat: cat runs as its child.
+    const std::string catThenExit = "/bin/cat " + eicar + " && exit 0 || exit 1";
+    const Exit child = read({sh, "-c", catThenExit});
+    s.Expect(child.Is(0), "cat started by the trusted shell: " + child.Text(false));
+    const Exit checked = read({"/bin/sh", "-c", catThenExit});
+    s.Expect(checked.Is(1), "cat started by a plain shell: " + checked.Text(false));
   });
 }
 
