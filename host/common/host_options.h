@@ -21,6 +21,7 @@ struct HostOptions {
 
   EngineKind engine = EngineKind::ClamAV;
   std::string signatureDir;         // empty: the bundled signature set
+  std::string quarantineDir = "/var/lib/oasd/quarantine";  // where Remove moves infected files
   uint32_t engineDelayMs = 0;       // a deliberately slow engine, for timeout drills
   uint32_t checkedCacheEntries = 65536;
 

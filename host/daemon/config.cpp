@@ -13,6 +13,7 @@
 #include <fstream>
 #include <functional>
 #include <limits>
+#include <optional>
 #include <set>
 #include <sstream>
 #include <type_traits>
@@ -238,6 +239,7 @@ FieldTable TopLevelFields(HostOptions& o) {
       F("watch", o.watchPaths),
       {"engine", [&o](const json& v, const std::string& k) { o.engine = ReadEngine(v, k); }},
       F("signature_dir", o.signatureDir),
+      F("quarantine_dir", o.quarantineDir),
       F("engine_delay_ms", o.engineDelayMs),
       F("checked_cache_entries", o.checkedCacheEntries),
       F("verdict_timeout_ms", o.verdictTimeoutMs),
@@ -436,6 +438,8 @@ constexpr ValueOption kValueOptions[] = {
 
 struct RawCommandLine {
   CommandLine::Mode mode = CommandLine::Run;
+  std::optional<CommandLine::Mode> quarantineMode;  // --restore, --list-quarantine
+  std::string restoreId;
   std::string configPath;
   std::vector<std::string> watchPaths;
   json overrides = json::object();
@@ -468,7 +472,7 @@ RawCommandLine ScanArguments(const std::vector<std::string>& args) {
       if (i + 1 >= args.size()) FailOption(arg, "needs a value");
       return args[++i];
     };
-    if (arg == "--help" || arg == "-h") return RawCommandLine{CommandLine::Help, {}, {}, {}};
+    if (arg == "--help" || arg == "-h") return RawCommandLine{CommandLine::Help, {}, {}, {}, {}, {}};
     if (arg == "--watch") {
       const size_t before = raw.watchPaths.size();
       while (i + 1 < args.size() && !args[i + 1].starts_with("--"))
@@ -476,6 +480,11 @@ RawCommandLine ScanArguments(const std::vector<std::string>& args) {
       if (raw.watchPaths.size() == before) FailOption(arg, "needs at least one path");
     } else if (arg == "--config") {
       SetConfigPath(raw, arg, next(), CommandLine::Run);
+    } else if (arg == "--restore") {
+      raw.restoreId = next();
+      raw.quarantineMode = CommandLine::Restore;
+    } else if (arg == "--list-quarantine") {
+      raw.quarantineMode = CommandLine::ListQuarantine;
     } else if (arg == "--check-config") {
       SetConfigPath(raw, arg, next(), CommandLine::CheckConfig);
     } else {
@@ -537,6 +546,15 @@ CommandLine ParseCommandLine(int argc, char** argv) {
   CommandLine line;
   line.mode = raw.mode;
   if (raw.mode == CommandLine::Help) return line;
+  if (raw.quarantineMode) {
+    // Only the quarantine's place is needed: nothing is watched or checked.
+    line.mode = *raw.quarantineMode;
+    line.restoreId = raw.restoreId;
+    line.options = DefaultOptions();
+    if (!raw.configPath.empty()) ReadConfigInto(line.options, raw.configPath);
+    ApplyOverrides(line.options, raw.overrides);
+    return line;
+  }
   if (raw.configPath.empty() && raw.watchPaths.empty())
     throw ConfigError("nothing to watch: give --watch PATH... or --config FILE (see --help)");
   line.configPath = raw.configPath;
@@ -557,6 +575,9 @@ const char* UsageText() noexcept {
          "  --watch PATH...         watch these paths (added to the config file's)\n"
          "  --config FILE           read the JSON config FILE (reread on SIGHUP)\n"
          "  --check-config FILE     check the JSON config FILE and exit\n"
+         "  --list-quarantine       print the quarantine's records (quarantine_dir), one a line\n"
+         "  --restore ID            put a quarantined file back where it was, with its owner\n"
+         "                          and mode\n"
          "  --engine clamav|none    scanning engine (default clamav; none allows everything)\n"
          "  --log-level LEVEL       error, notice or detail (or 300, 700, 800; default notice)\n"
          "  --log-file FILE         append the log to FILE (default: stderr)\n"

@@ -41,6 +41,7 @@
 #include "host/system/task_manager.h"
 #include "host/system/thread_pool.h"
 #include "host/system/timer_service.h"
+#include "host/system/quarantine.h"
 #include "host/system/trusted_programs.h"
 #include "host/system/written_files.h"
 #include "host/reporting/tracer.h"
@@ -211,6 +212,7 @@ std::vector<std::pair<const char*, bool>> RestartKeys(const HostOptions& now, co
   return {
       {"engine", now.engine != fresh.engine},
       {"signature_dir", now.signatureDir != fresh.signatureDir},
+      {"quarantine_dir", now.quarantineDir != fresh.quarantineDir},
       {"engine_delay_ms", !engineTakesDelay && now.engineDelayMs != fresh.engineDelayMs},
       {"checked_cache_entries", now.checkedCacheEntries != fresh.checkedCacheEntries},
       {"verdict_timeout_ms", now.verdictTimeoutMs != fresh.verdictTimeoutMs},
@@ -430,6 +432,10 @@ void SetUpEngine(Services& s, const HostOptions& options, HostMetrics& metrics) 
   s.clamav->SetExpectVerdict([table = s.permissions](int fd) { return table->ExpectVerdict(fd); });
   s.clamav->SetObjectCallback([log](const ObjectRecord& record) { log->Object(record); });
   s.trusted->Apply(options.settings.ScanScopeWithTrustedPrograms.excluded_for_program);
+  s.clamav->SetRemover([quarantine = std::make_shared<Quarantine>(options.quarantineDir)](
+                           int fd, const std::string& path, const std::string& threat, std::string& error) {
+    return quarantine->Move(fd, path, threat, error);
+  });
   s.clamav->SetTrustCheck([trusted = s.trusted](int32_t pid, const std::string& path) {
     return trusted->Trusted(pid, path);
   });

@@ -475,6 +475,13 @@ void ClamavEngine::ReportDetection(vrel::IEvent085* event, const std::string& th
   if (header.processId > 0) record.pid = static_cast<uint32_t>(header.processId);
   record.action = policy.action == InfectedAction::Notify ? "reported" : "blocked";
   if (policy.disinfectAsked) record.note = "disinfection is not available; blocked instead";
+  // Moved before the verdict, while the opener still waits: it never gets the file.
+  if (policy.action == InfectedAction::Remove && m_remove) {
+    std::string error;
+    record.quarantineId = m_remove(EventDescriptor(event), record.path, threat, error);
+    if (!record.quarantineId.empty()) record.action = "removed";
+    else record.note = "not removed: " + error;
+  }
   // The verdict follows at once and the deadline now waits for it, so "late" says exactly
   // whether the opener was still waiting for this answer.
   record.late = m_expectVerdict && !m_expectVerdict(EventDescriptor(event));

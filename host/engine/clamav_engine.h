@@ -38,6 +38,9 @@ using UnprocessedCallback = std::function<void(const UnprocessedRecord&)>;
 using ObjectCallback = std::function<void(const ObjectRecord&)>;
 // Whether the process behind an event may access the path unscanned (a trusted program).
 using TrustCheck = std::function<bool(int32_t pid, const std::string& path)>;
+// Moves an infected file out of reach; answers its quarantine ID, or empty and why in error.
+using RemoveFile = std::function<std::string(int fd, const std::string& path, const std::string& threat,
+                                             std::string& error)>;
 // Announces that the answer for the open behind a descriptor is on its way, so the deadline
 // does not take it over; false when something else answered it already (the deadline, a
 // stop), which makes a detection late.
@@ -69,6 +72,7 @@ class ClamavEngine : public qeb::object::Ifaces<vrel::IEventHandler085> {
   void SetExpectVerdict(ExpectVerdict expect) { m_expectVerdict = std::move(expect); }
   void SetObjectCallback(ObjectCallback onObject) { m_onObject = std::move(onObject); }
   void SetTrustCheck(TrustCheck trusted) { m_trusted = std::move(trusted); }
+  void SetRemover(RemoveFile remove) { m_remove = std::move(remove); }
   // For a stop: events not yet scanned are let through unscanned from now on, so the stop
   // does not first work through a full queue. Scans already running finish.
   void StopScanning() noexcept { m_stopping = true; }
@@ -116,6 +120,7 @@ class ClamavEngine : public qeb::object::Ifaces<vrel::IEventHandler085> {
   ExpectVerdict m_expectVerdict;
   ObjectCallback m_onObject;
   TrustCheck m_trusted;
+  RemoveFile m_remove;
   std::atomic<bool> m_useChecker;
   std::atomic<bool> m_denyUnscanned;
   std::atomic<uint32_t> m_delayMs;

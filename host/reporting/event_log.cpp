@@ -85,6 +85,7 @@ std::string DetectionLine(const DetectionRecord& record, std::chrono::system_clo
   if (record.uid) line["uid"] = *record.uid;
   if (!record.action.empty()) line["action"] = record.action;
   if (!record.note.empty()) line["note"] = record.note;
+  if (!record.quarantineId.empty()) line["quarantine_id"] = record.quarantineId;
   return ToLine(line);
 }
 

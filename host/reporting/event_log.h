@@ -32,6 +32,7 @@ struct DetectionRecord {
   bool late = false;  // found after the open was already answered (the deadline, a stop)
   std::string action{};  // what oasd did beyond the verdict ("blocked", "removed", ...); may be empty
   std::string note{};    // why the action is not the one asked for; may be empty
+  std::string quarantineId{};  // when removed: the ID `oasd --restore` takes
 };
 
 // A file the settings ask to hear about although nothing is wrong with it: "clean" (a

@@ -103,5 +103,53 @@ TEST(OasdSettings, TrustedProgramsReadWhatOthersMayNotByTheirFileNotTheirName) {
   });
 }
 
+TEST(OasdSettings, RemoveQuarantinesTheFileAndRestoreBringsItBackWithItsOwnerAndMode) {
+  OASD_SCENARIO([](Sandbox& s) {
+    const std::string eicar = s.Watched("eicar.com"), quarantine = s.State("quarantine");
+    WriteFile(eicar, kEicar, 0640);
+    s.Expect(::chown(eicar.c_str(), 65534, 65534) == 0, "chown");
+    const std::string config = s.WriteConfig(R"("quarantine_dir": ")" + quarantine + R"(", )" +
+                                             Settings(R"("ScanSettingsBase": {"infected_action": 1})"));
+    if (!s.StartOasdWith(config)) return;
+    const Exit opened = InChild([&] { return OpenAndRead(eicar); });
+    s.Expect(opened.Denied(), "EICAR under Remove: " + opened.Text());
+    s.Expect(s.AwaitEvent("detection", eicar), "no detection line");
+    const auto line = s.FindEvent("detection", eicar);
+    const std::string id = line ? line->value("quarantine_id", "") : "";
+    s.Expect(line && line->value("action", "") == "removed" && !id.empty(), line ? line->dump() : "");
+    s.Expect(::access(eicar.c_str(), F_OK) != 0, "the infected file is still in place");
+    s.StopOasd();  // a restored threat would be removed again by a running oasd
+
+    std::string output;
+    RunOasdToEnd(s.State("list.txt"), {"--list-quarantine", "--config", config}, output);
+    s.Expect(output.find(eicar) != std::string::npos && output.find(id) != std::string::npos,
+             "--list-quarantine: " + output);
+    const Exit restored = RunOasdToEnd(s.State("restore.txt"), {"--restore", id, "--config", config}, output);
+    s.Expect(restored.Is(0), "--restore: " + output);
+    struct stat st {};
+    s.Expect(::stat(eicar.c_str(), &st) == 0 && st.st_uid == 65534 && st.st_gid == 65534 &&
+                 (st.st_mode & 07777) == 0640 && ReadFile(eicar) == kEicar,
+             "the restored file differs in owner, mode or content");
+    const Exit again = RunOasdToEnd(s.State("restore.txt"), {"--restore", id, "--config", config}, output);
+    s.Expect(again.Is(1), "a second restore of one ID: " + output);
+  });
+}
+
+TEST(OasdSettings, DisinfectBlocksAndTheDetectionSaysItCouldNotDisinfect) {
+  OASD_SCENARIO([](Sandbox& s) {
+    const std::string eicar = s.Watched("eicar.com");
+    WriteFile(eicar, kEicar);
+    if (!s.StartOasd(Settings(R"("ScanSettingsBase": {"infected_action": 0})"))) return;
+    const Exit opened = InChild([&] { return OpenAndRead(eicar); });
+    s.Expect(opened.Denied(), "EICAR under Disinfect: " + opened.Text());
+    s.Expect(s.AwaitEvent("detection", eicar), "no detection line");
+    const auto line = s.FindEvent("detection", eicar);
+    s.Expect(line && line->value("action", "") == "blocked" &&
+                 line->value("note", "").find("disinfection is not available") != std::string::npos,
+             line ? line->dump() : "");
+    s.Expect(::access(eicar.c_str(), F_OK) == 0, "Disinfect removed the file");
+  });
+}
+
 }  // namespace
 }  // namespace oasd_e2e
