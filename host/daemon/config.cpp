@@ -240,6 +240,8 @@ FieldTable TopLevelFields(HostOptions& o) {
       {"engine", [&o](const json& v, const std::string& k) { o.engine = ReadEngine(v, k); }},
       F("signature_dir", o.signatureDir),
       F("quarantine_dir", o.quarantineDir),
+      F("clamav_database_dir", o.clamavDatabaseDir),
+      F("signature_check_interval_s", o.signatureCheckIntervalS),
       F("engine_delay_ms", o.engineDelayMs),
       F("checked_cache_entries", o.checkedCacheEntries),
       F("verdict_timeout_ms", o.verdictTimeoutMs),
@@ -316,6 +318,7 @@ void CheckLimits(const HostOptions& o) {
                                "permission_deadline_ms (" + std::to_string(o.permissionDeadlineMs) +
                                "): the deadline would let opens through before the verdict");
   if (o.stopTimeoutMs == 0) Fail("stop_timeout_ms", "expected at least 1");
+  if (o.signatureCheckIntervalS == 0) Fail("signature_check_interval_s", "expected at least 1");
   if (o.metricsIntervalS == 0)
     Fail("metrics_interval_s", "expected an unsigned integer of at least 1");
 }

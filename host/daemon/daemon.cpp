@@ -33,6 +33,7 @@
 #include "host/reporting/metrics.h"
 #include "host/system/mount_table.h"
 #include "host/engine/none_engine.h"
+#include "host/engine/signature_watcher.h"
 #include "host/system/object_skip_checker.h"
 #include "host/interception/permission_table.h"
 #include "host/system/process_manager.h"
@@ -78,6 +79,7 @@ struct Services {
   std::shared_ptr<PermissionTable> permissions;  // shared with the notifier and the readers
   objptr_t<VerdictNotifier> verdicts;
   objptr_t<ClamavEngine> clamav;  // set only with the ClamAV engine
+  std::unique_ptr<SignatureWatcher> signatureWatcher;  // set only with the ClamAV engine
   std::shared_ptr<TrustedPrograms> trusted = std::make_shared<TrustedPrograms>();  // asked by the engine
   objptr_t<vrel::IEventHandler085> engine;
   objptr_t<ServiceLocator> locator = MakeHostObject<ServiceLocator>();
@@ -188,10 +190,27 @@ void Daemon::PostRefresh() noexcept {
   [[maybe_unused]] const ssize_t n = ::write(m_wakeFd, &one, sizeof one);
 }
 
+void Daemon::PostEngineChange() noexcept {
+  m_engineChangePosted.store(true);
+  const uint64_t one = 1;
+  [[maybe_unused]] const ssize_t n = ::write(m_wakeFd, &one, sizeof one);
+}
+
 void Daemon::OnWake() {
   uint64_t count = 0;
   [[maybe_unused]] const ssize_t n = ::read(m_wakeFd, &count, sizeof count);
   if (m_refreshPosted.exchange(false)) PushSettings();
+  if (m_engineChangePosted.exchange(false)) ResetCaches();
+}
+
+// New signatures void every clean answer: the module's caches as well as the engine's.
+void Daemon::ResetCaches() {
+  if (!m_interceptor) return;
+  const qeb::result_t r = m_interceptor->ResetCache();
+  if (QEB_FAILED(r)) {
+    QEB_TRACE(m_services->tracer, trace::LevelError)
+        << "oasd: the interceptor could not reset its caches: " << trace::AsResult(r);
+  }
 }
 
 void Daemon::PushSettings() {
@@ -213,6 +232,8 @@ std::vector<std::pair<const char*, bool>> RestartKeys(const HostOptions& now, co
       {"engine", now.engine != fresh.engine},
       {"signature_dir", now.signatureDir != fresh.signatureDir},
       {"quarantine_dir", now.quarantineDir != fresh.quarantineDir},
+      {"clamav_database_dir", now.clamavDatabaseDir != fresh.clamavDatabaseDir},
+      {"signature_check_interval_s", now.signatureCheckIntervalS != fresh.signatureCheckIntervalS},
       {"engine_delay_ms", !engineTakesDelay && now.engineDelayMs != fresh.engineDelayMs},
       {"checked_cache_entries", now.checkedCacheEntries != fresh.checkedCacheEntries},
       {"verdict_timeout_ms", now.verdictTimeoutMs != fresh.verdictTimeoutMs},
@@ -268,7 +289,7 @@ void Daemon::Reload() {
           [&] { m_options.engineDelayMs = fresh.engineDelayMs; });
     apply("unscanned_action", fresh.denyUnscanned != m_options.denyUnscanned,
           [&] { m_options.denyUnscanned = fresh.denyUnscanned; });
-    m_services->clamav->ReloadSignatures();
+    if (QEB_SUCCEEDED(m_services->clamav->ReloadSignatures())) ResetCaches();
   }
   apply("deadline_action", fresh.denyAtDeadline != m_options.denyAtDeadline, [&] {
     m_services->permissions->SetDeadlineAction(fresh.denyAtDeadline);
@@ -471,7 +492,9 @@ void Daemon::StartProtection() {
   SetUpFiles(s);
   SetUpSystemServices(s, m_options);
   SetUpInterception(s, m_options, m_metrics);
+  if (m_options.engine == EngineKind::ClamAV) WatchSignatures();
   SetUpEngine(s, m_options, m_metrics);
+  if (s.signatureWatcher) s.signatureWatcher->Start();
   RegisterServices(s);
   CreateInterceptor();
   Require(m_interceptor->Init(m_options.verdictTimeoutMs), "the interceptor refused Init");
@@ -481,6 +504,17 @@ void Daemon::StartProtection() {
   m_filtersUp = true;
   Require(m_interceptor->SetupFilters(FilterFlags, s.engine), "cannot start interception");
   s.metricsWriter->Start();
+}
+
+// Built before the engine loads, so an update made during the load shows at the first
+// check; started once the engine is up.
+void Daemon::WatchSignatures() {
+  Services& s = *m_services;
+  s.signatureWatcher = std::make_unique<SignatureWatcher>(
+      std::vector<std::string>{SignatureDirFor(m_options), m_options.clamavDatabaseDir},
+      std::chrono::seconds(m_options.signatureCheckIntervalS), [this, &s] {
+        if (QEB_SUCCEEDED(s.clamav->ReloadSignatures())) PostEngineChange();
+      });
 }
 
 void Daemon::CreateInterceptor() {
@@ -513,6 +547,7 @@ void Daemon::Stop() noexcept {
   m_interceptor.Reset();
   if (s.metricsWriter) s.metricsWriter->TearDown();
   TearDownSystemServices(s);
+  if (s.signatureWatcher) s.signatureWatcher->TearDown();
   if (s.clamav) s.clamav->TearDown();
   ReleaseModule();
   if (s.eventLog) s.eventLog->TearDown();

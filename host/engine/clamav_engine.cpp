@@ -7,12 +7,14 @@
 #include "host/engine/module_cacheable.h"
 
 #include <clamav.h>
+#include <pwd.h>
 #include <sys/stat.h>
 #include <stdint.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <mutex>
 #include <sstream>
@@ -53,6 +55,33 @@ cl_error_t InitLibrary() noexcept {
 bool DirectoryExists(const std::string& path) noexcept {
   struct stat st {};
   return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+// freshclam's own account, which owns the databases it keeps current.
+bool DatabaseOwner(uid_t uid) {
+  if (uid == 0) return true;
+  passwd entry {}, *found = nullptr;
+  char buffer[1024];
+  return ::getpwnam_r("clamav", &entry, buffer, sizeof buffer, &found) == 0 && found &&
+         found->pw_uid == uid;
+}
+
+// A database directory only root or freshclam can change, holding at least one database;
+// one a user could write would let that user decide what oasd blocks.
+bool UsableDatabaseDir(const std::string& dir) {
+  struct stat st {};
+  if (dir.empty() || ::stat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) ||
+      !DatabaseOwner(st.st_uid) || (st.st_mode & 022) != 0)
+    return false;
+  static constexpr std::string_view kDatabases[] = {".cvd", ".cld", ".cud", ".ndb", ".hdb", ".hsb",
+                                                    ".ldb", ".mdb", ".msb", ".yar", ".yara"};
+  std::error_code ec;
+  for (const auto& entry : std::filesystem::directory_iterator(dir, ec)) {
+    const std::string name = entry.path().filename().string();
+    for (const auto extension : kDatabases)
+      if (name.ends_with(extension)) return true;
+  }
+  return false;
 }
 
 std::string ThreatName(const char* virname) {
@@ -182,6 +211,7 @@ ClamavEngine::ClamavEngine(qeb::objptr_t<qeb::ITracer> tracer, HostMetrics& metr
     : m_tracer(std::move(tracer)),
       m_metrics(metrics),
       m_signatureDir(SignatureDirFor(options)),
+      m_databaseDir(options.clamavDatabaseDir),
       m_onDetection(std::move(onDetection)),
       m_onUnprocessed(std::move(onUnprocessed)),
       m_useChecker(options.settings.ScanSettings.ScanSettingsBase.use_ichecker),
@@ -213,7 +243,13 @@ qeb::result_t ClamavEngine::ReloadSignatures() {
   std::lock_guard reload(m_reloadMutex);
   EnginePtr fresh;
   unsigned signatures = 0;
-  if (const qeb::result_t r = LoadEngine(fresh, signatures); QEB_FAILED(r)) return r;
+  const bool withDatabase = UsableDatabaseDir(m_databaseDir);
+  qeb::result_t r = LoadEngine(fresh, signatures, withDatabase);
+  if (QEB_FAILED(r) && withDatabase) {
+    QEB_TRACE(m_tracer, LevelError) << "engine: loading without the databases in " << m_databaseDir;
+    r = LoadEngine(fresh, signatures, false);
+  }
+  if (QEB_FAILED(r)) return r;
   {
     std::lock_guard lock(m_engineMutex);
     m_engine.swap(fresh);
@@ -221,12 +257,13 @@ qeb::result_t ClamavEngine::ReloadSignatures() {
   m_checked.Clear();
   m_signatureCount = signatures;
   m_fileSizeLimit = m_nextLimits.fileSize;
-  QEB_TRACE(m_tracer, LevelNotice)
-      << "engine: loaded " << signatures << " signatures from " << m_signatureDir;
+  QEB_TRACE(m_tracer, LevelNotice) << "engine: loaded " << signatures << " signatures from "
+                                   << m_signatureDir << (withDatabase ? " and " + m_databaseDir : "");
   return res::Ok;
 }
 
-qeb::result_t ClamavEngine::LoadEngine(EnginePtr& engine, unsigned& signatures) {
+qeb::result_t ClamavEngine::LoadEngine(EnginePtr& engine, unsigned& signatures, bool withDatabase) {
+  signatures = 0;
   if (InitLibrary() != CL_SUCCESS) return res::NotReady;
   engine = EnginePtr(cl_engine_new(), cl_engine_free);
   if (!engine) return res::OutOfMemory;
@@ -237,6 +274,8 @@ qeb::result_t ClamavEngine::LoadEngine(EnginePtr& engine, unsigned& signatures) 
   // would outlive the setting; the checked cache is oasd's one cache, cleared with the policy.
   if (r == CL_SUCCESS) r = cl_engine_set_num(engine.get(), CL_ENGINE_DISABLE_CACHE, 1);
   if (r == CL_SUCCESS) r = cl_load(m_signatureDir.c_str(), engine.get(), &signatures, CL_DB_STDOPT);
+  if (r == CL_SUCCESS && withDatabase)
+    r = cl_load(m_databaseDir.c_str(), engine.get(), &signatures, CL_DB_STDOPT);
   if (r == CL_SUCCESS && signatures == 0) {
     QEB_TRACE(m_tracer, LevelError) << "engine: no signatures in " << m_signatureDir;
     return res::NotFound;

@@ -62,8 +62,9 @@ class ClamavEngine : public qeb::object::Ifaces<vrel::IEventHandler085> {
   // why) when the directory cannot be loaded or holds no signatures.
   qeb::result_t SetUp();
   void TearDown() noexcept;
-  // Builds a new engine from the signature directory and swaps it in; scans already running
-  // finish on the old one. The checked cache is emptied. On failure the old engine stays.
+  // Builds a new engine from the signature directory and the database directory (without
+  // it when that fails to load) and swaps it in; scans already running finish on the old
+  // one. The checked cache is emptied. On failure the old engine stays.
   qeb::result_t ReloadSignatures();
   // Takes what a SIGHUP may change: the checked-cache switch, the deliberate delay, the
   // unscanned policy and the limits (these with the next ReloadSignatures).
@@ -108,13 +109,14 @@ class ClamavEngine : public qeb::object::Ifaces<vrel::IEventHandler085> {
   ScanOutcome ScanWithEngine(int fd, const EnginePtr& engine);
   ScanOutcome ScanHead(int fd, const EnginePtr& engine, uint64_t size, uint64_t limit);
   void Delay() const noexcept;
-  qeb::result_t LoadEngine(EnginePtr& engine, unsigned& signatures);
+  qeb::result_t LoadEngine(EnginePtr& engine, unsigned& signatures, bool withDatabase);
   EnginePtr CurrentEngine() const;
   std::shared_ptr<const ScanPolicy> CurrentPolicy() const;
 
   qeb::objptr_t<qeb::ITracer> m_tracer;
   HostMetrics& m_metrics;
   const std::string m_signatureDir;
+  const std::string m_databaseDir;  // the system's ClamAV databases, loaded when usable
   DetectionCallback m_onDetection;
   UnprocessedCallback m_onUnprocessed;
   ExpectVerdict m_expectVerdict;

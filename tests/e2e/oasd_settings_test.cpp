@@ -151,5 +151,37 @@ TEST(OasdSettings, DisinfectBlocksAndTheDetectionSaysItCouldNotDisinfect) {
   });
 }
 
+std::string Hex(const std::string& bytes) {
+  static const char kDigits[] = "0123456789abcdef";
+  std::string hex;
+  for (const unsigned char c : bytes) hex += {kDigits[c >> 4], kDigits[c & 15]};
+  return hex;
+}
+
+TEST(OasdSettings, ASignatureAddedToTheDatabaseDirectoryDetectsAFileCachedCleanBefore) {
+  OASD_SCENARIO([](Sandbox& s) {
+    const std::string db = s.State("db"), file = s.Watched("marker.txt");
+    const std::string content = "oasd e2e database update marker\n";  // text: the module caches it
+    ::mkdir(db.c_str(), 0755);
+    WriteFile(file, content);
+    std::this_thread::sleep_for(300ms);  // a change time the module's cache may trust
+    if (!s.StartOasd(R"("clamav_database_dir": ")" + db + R"(", "signature_check_interval_s": 1)")) return;
+    const auto hits = [&] { return MetricValue(s.Metrics(), "oas_cache_hits_total").value_or(0); };
+    const uint64_t before = hits();
+    for (int i = 0; i < 2; ++i) {
+      const Exit clean = InChild([&] { return OpenAndRead(file); });
+      s.Expect(clean.Is(0), "the marker before the update: " + clean.Text());
+    }
+    s.Expect(hits() > before, "the marker was not answered from the module's cache");
+
+    WriteFile(db + "/test.tmp", "Oasd-Update-Test:0:0:" + Hex(content) + "\n");
+    ::rename((db + "/test.tmp").c_str(), (db + "/test.ndb").c_str());
+    s.Expect(WaitUntil([&] { return InChild([&] { return OpenAndRead(file); }).Denied(); }, 15s),
+             "the marker is still allowed after its signature was added");
+    const auto line = s.FindEvent("detection", file);
+    s.Expect(line && line->value("threat", "") == "Oasd-Update-Test", line ? line->dump() : "no detection");
+  });
+}
+
 }  // namespace
 }  // namespace oasd_e2e

@@ -60,6 +60,7 @@ class EngineTest : public ::testing::Test {
  protected:
   EngineTest() {
     options.checkedCacheEntries = 16;
+    options.clamavDatabaseDir.clear();
     options.settings.ScanSettings.ScanSettingsBase.report_unprocessed_objects = true;
   }
 
