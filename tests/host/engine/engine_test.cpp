@@ -386,6 +386,25 @@ TEST_F(EngineTest, ScanFilterChoosesByNameOrContentButExecutionsAreAlwaysScanned
   EXPECT_EQ(metrics.scans, 1u);
 }
 
+// libclamav has one switch per parser: which settings field owns it depends on the file.
+TEST_F(EngineTest, MailAndArchiveParsingFollowTheFieldThatOwnsTheFilesKind) {
+  auto& scan = options.settings.ScanSettings;
+  scan.ScanSettingsBase.scan_archived = scan.ScanSettingsBase.scan_plain_mail = true;
+  scan.EmulatorSettings = {true, 2};  // Deep
+  const oasd::ScanPolicy policy = oasd::PolicyFor(options);
+  const auto parse = [&](const std::string& name, const std::string& content) {
+    return oasd::ScanOptionsFor(policy, Fd(dir.Write(name, content)).Get()).parse;
+  };
+  EXPECT_FALSE(parse("inbox", "From a@b Mon Jan  1 00:00:00 2024\n") & CL_SCAN_PARSE_MAIL);
+  EXPECT_TRUE(parse("message.eml", "Received: from a\n") & CL_SCAN_PARSE_MAIL);
+  EXPECT_FALSE(parse("setup.exe", "MZ\x90") & CL_SCAN_PARSE_ARCHIVE);
+  EXPECT_TRUE(parse("a.zip", "PK\x03\x04") & CL_SCAN_PARSE_ARCHIVE);
+  EXPECT_TRUE(oasd::ScanOptionsFor(policy, -1).heuristic & CL_SCAN_HEURISTIC_MACROS);
+  scan.EmulatorSettings.use_emulator = false;  // limits are still reported
+  EXPECT_EQ(oasd::ScanOptionsFor(oasd::PolicyFor(options), -1).heuristic,
+            static_cast<uint32_t>(CL_SCAN_HEURISTIC_EXCEEDS_MAX));
+}
+
 TEST_F(EngineTest, DisinfectIsBlockedAndSaysSoWhileNotifyIsReported) {
   auto& base = options.settings.ScanSettings.ScanSettingsBase;
   base.infected_action = 0;  // Disinfect
