@@ -16,6 +16,7 @@
 #include <chrono>
 #include <cstring>
 #include <dirent.h>
+#include <filesystem>
 #include <stdexcept>
 
 #include <nlohmann/json.hpp>
@@ -94,7 +95,10 @@ bool ValidId(const std::string& id) {
 
 }  // namespace
 
+// Missing parents are made as root's (0755 under oasd's umask), the quarantine itself 0700.
 int Quarantine::OpenDirectory() const {
+  std::error_code ec;
+  std::filesystem::create_directories(std::filesystem::path(m_dir).parent_path(), ec);
   if (::mkdir(m_dir.c_str(), 0700) != 0 && errno != EEXIST) return -1;
   const int dir = OpenNoLinks(AT_FDCWD, m_dir, O_RDONLY | O_DIRECTORY);
   struct stat st {};

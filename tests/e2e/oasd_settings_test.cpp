@@ -105,7 +105,7 @@ TEST(OasdSettings, TrustedProgramsReadWhatOthersMayNotByTheirFileNotTheirName) {
 
 TEST(OasdSettings, RemoveQuarantinesTheFileAndRestoreBringsItBackWithItsOwnerAndMode) {
   OASD_SCENARIO([](Sandbox& s) {
-    const std::string eicar = s.Watched("eicar.com"), quarantine = s.State("quarantine");
+    const std::string eicar = s.Watched("eicar.com"), quarantine = s.State("var/quarantine");  // parents made too
     WriteFile(eicar, kEicar, 0640);
     s.Expect(::chown(eicar.c_str(), 65534, 65534) == 0, "chown");
     const std::string config = s.WriteConfig(R"("quarantine_dir": ")" + quarantine + R"(", )" +
