@@ -2,6 +2,7 @@
 // excluded path masks and threat names, trusted programs, and the action on an infected
 // file. Grouped by the setting; each scenario runs in its own sandbox (oasd_harness.h).
 #include <sys/stat.h>
+#include <csignal>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -30,6 +31,23 @@ TEST(OasdSettings, ScanArchivedDecidesWhetherAnEicarInsideAZipIsRefused) {
     if (!s.StartOasd(Settings(R"("ScanSettingsBase": {"scan_archived": false})"))) return;
     const Exit off = InChild([&] { return OpenAndRead(zip); });
     s.Expect(off.Is(0), "zip without scan_archived: " + off.Text());
+  });
+}
+
+TEST(OasdSettings, ASighupWithNewSettingsAppliesThemToTheNextScan) {
+  OASD_SCENARIO([](Sandbox& s) {
+    const std::string log = s.Watched("x.log");
+    WriteFile(log, kEicar);
+    if (!s.StartOasd("")) return;
+    const Exit before = InChild([&] { return OpenAndRead(log); });
+    s.Expect(before.Denied(), "x.log before the reload: " + before.Text());
+    s.WriteConfig(Settings(R"("ExcludeMasks": {"use_exclude_masks": true, "exclude_masks": ["*.log"]})"));
+    ::kill(s.Oasd(), SIGHUP);
+    s.Expect(WaitUntil([&] { return s.OasdLog().find("configuration reloaded") != std::string::npos; },
+                       kEventLimit),
+             "no reload in the log");
+    const Exit after = InChild([&] { return OpenAndRead(log); });
+    s.Expect(after.Is(0), "x.log once *.log is excluded: " + after.Text());
   });
 }
 
