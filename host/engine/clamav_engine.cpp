@@ -243,10 +243,11 @@ qeb::result_t ClamavEngine::ReloadSignatures() {
   std::lock_guard reload(m_reloadMutex);
   EnginePtr fresh;
   unsigned signatures = 0;
-  const bool withDatabase = UsableDatabaseDir(m_databaseDir);
+  bool withDatabase = UsableDatabaseDir(m_databaseDir);
   qeb::result_t r = LoadEngine(fresh, signatures, withDatabase);
   if (QEB_FAILED(r) && withDatabase) {
     QEB_TRACE(m_tracer, LevelError) << "engine: loading without the databases in " << m_databaseDir;
+    withDatabase = false;
     r = LoadEngine(fresh, signatures, false);
   }
   if (QEB_FAILED(r)) return r;

@@ -77,16 +77,17 @@ std::string ReadText(int dir, const std::string& name) {
   return text;
 }
 
-// Unlinks path when it still names the inode of `st`, through a parent opened without
-// following links.
-bool UnlinkIfSame(const std::string& path, const struct stat& st) {
+// Unlinks path when it still names the inode of `st` (or only checks, with unlink false),
+// through a parent opened without following links.
+bool UnlinkIfSame(const std::string& path, const struct stat& st, bool unlink = true) {
   const size_t slash = path.rfind('/');
   if (slash == std::string::npos || slash + 1 == path.size()) return false;
   const UniqueFd parent(OpenNoLinks(AT_FDCWD, slash == 0 ? "/" : path.substr(0, slash), O_PATH | O_DIRECTORY));
   struct stat now {};
   const std::string name = path.substr(slash + 1);
   return parent.Valid() && ::fstatat(parent.Get(), name.c_str(), &now, AT_SYMLINK_NOFOLLOW) == 0 &&
-         now.st_dev == st.st_dev && now.st_ino == st.st_ino && ::unlinkat(parent.Get(), name.c_str(), 0) == 0;
+         now.st_dev == st.st_dev && now.st_ino == st.st_ino &&
+         (!unlink || ::unlinkat(parent.Get(), name.c_str(), 0) == 0);
 }
 
 bool ValidId(const std::string& id) {
@@ -112,10 +113,15 @@ int Quarantine::OpenDirectory() const {
 
 std::string Quarantine::Move(int fd, const std::string& path, const std::string& threat,
                              std::string& error) const {
-  const UniqueFd dir(OpenDirectory());
+  std::lock_guard lock(m_moveMutex);
   struct stat st {};
+  if (::fstat(fd, &st) != 0 || !UnlinkIfSame(path, st, false)) {
+    error = "the file is no longer at " + path + " (removed already?)";
+    return {};
+  }
+  const UniqueFd dir(OpenDirectory());
   const std::string id = NewId();
-  if (!dir.Valid() || id.empty() || ::fstat(fd, &st) != 0) {
+  if (!dir.Valid() || id.empty()) {
     error = ErrnoText("cannot use the quarantine directory " + m_dir);
     return {};
   }

@@ -6,6 +6,7 @@
 
 #include <sys/types.h>
 
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -28,6 +29,9 @@ class Quarantine {
  private:
   int OpenDirectory() const;  // creates it 0700 when missing; refuses one others may reach
   std::string m_dir;
+  // One move at a time: openers sharing one scan all report its detection, and only the
+  // first may find the file still at its path.
+  mutable std::mutex m_moveMutex;
 };
 
 }  // namespace oasd
