@@ -29,6 +29,7 @@ packages+=(libbenchmark-dev)  # the microbenchmarks under bench/, built but not 
 packages+=(postgresql)  # a scratch database server for the journals cache test
 packages+=(libclamav-dev libmagic-dev nlohmann-json3-dev pkg-config)  # oasd, the reference host
 packages+=(e2fsprogs mount)  # mkfs.ext2 and loop mounts for the coarse-timestamp e2e test
+packages+=(zip)  # archives for the scan_archived tests
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -21,6 +21,9 @@ struct HostOptions {
 
   EngineKind engine = EngineKind::ClamAV;
   std::string signatureDir;         // empty: the bundled signature set
+  std::string clamavDatabaseDir = "/var/lib/clamav";  // loaded too when it holds databases
+  uint32_t signatureCheckIntervalS = 10;  // how often the signature directories are checked
+  std::string quarantineDir = "/var/lib/oasd/quarantine";  // where Remove moves infected files
   uint32_t engineDelayMs = 0;       // a deliberately slow engine, for timeout drills
   uint32_t checkedCacheEntries = 65536;
   bool kernelCache = true;               // fanotify ignore marks answer a clean file's next opens

@@ -13,6 +13,7 @@
 #include <fstream>
 #include <functional>
 #include <limits>
+#include <optional>
 #include <set>
 #include <sstream>
 #include <type_traits>
@@ -238,6 +239,9 @@ FieldTable TopLevelFields(HostOptions& o) {
       F("watch", o.watchPaths),
       {"engine", [&o](const json& v, const std::string& k) { o.engine = ReadEngine(v, k); }},
       F("signature_dir", o.signatureDir),
+      F("quarantine_dir", o.quarantineDir),
+      F("clamav_database_dir", o.clamavDatabaseDir),
+      F("signature_check_interval_s", o.signatureCheckIntervalS),
       F("engine_delay_ms", o.engineDelayMs),
       F("checked_cache_entries", o.checkedCacheEntries),
       F("kernel_cache", o.kernelCache),
@@ -316,6 +320,7 @@ void CheckLimits(const HostOptions& o) {
                                "permission_deadline_ms (" + std::to_string(o.permissionDeadlineMs) +
                                "): the deadline would let opens through before the verdict");
   if (o.stopTimeoutMs == 0) Fail("stop_timeout_ms", "expected at least 1");
+  if (o.signatureCheckIntervalS == 0) Fail("signature_check_interval_s", "expected at least 1");
   if (o.metricsIntervalS == 0)
     Fail("metrics_interval_s", "expected an unsigned integer of at least 1");
 }
@@ -438,6 +443,8 @@ constexpr ValueOption kValueOptions[] = {
 
 struct RawCommandLine {
   CommandLine::Mode mode = CommandLine::Run;
+  std::optional<CommandLine::Mode> quarantineMode;  // --restore, --list-quarantine
+  std::string restoreId;
   std::string configPath;
   std::vector<std::string> watchPaths;
   json overrides = json::object();
@@ -470,7 +477,7 @@ RawCommandLine ScanArguments(const std::vector<std::string>& args) {
       if (i + 1 >= args.size()) FailOption(arg, "needs a value");
       return args[++i];
     };
-    if (arg == "--help" || arg == "-h") return RawCommandLine{CommandLine::Help, {}, {}, {}};
+    if (arg == "--help" || arg == "-h") return RawCommandLine{CommandLine::Help, {}, {}, {}, {}, {}};
     if (arg == "--watch") {
       const size_t before = raw.watchPaths.size();
       while (i + 1 < args.size() && !args[i + 1].starts_with("--"))
@@ -480,6 +487,11 @@ RawCommandLine ScanArguments(const std::vector<std::string>& args) {
       raw.overrides["kernel_cache"] = false;
     } else if (arg == "--config") {
       SetConfigPath(raw, arg, next(), CommandLine::Run);
+    } else if (arg == "--restore") {
+      raw.restoreId = next();
+      raw.quarantineMode = CommandLine::Restore;
+    } else if (arg == "--list-quarantine") {
+      raw.quarantineMode = CommandLine::ListQuarantine;
     } else if (arg == "--check-config") {
       SetConfigPath(raw, arg, next(), CommandLine::CheckConfig);
     } else {
@@ -511,6 +523,11 @@ nox::settings::OASSettings DefaultSettings() {
   base.infected_action = 3;  // block
   base.use_ichecker = true;
   base.scan_filter = 0;  // all files
+  // Everything libclamav can open is opened, as before these keys did anything.
+  base.scan_archived = base.scan_sfx_archived = base.scan_mail_bases = base.scan_plain_mail = true;
+  base.report_unprocessed_objects = true;
+  settings.ScanSettings.EmulatorSettings.use_emulator = true;
+  settings.ScanSettings.EmulatorSettings.heuristic_level = 3;  // recommended
   settings.skipPlainTextFiles = true;
   settings.skipDatabaseJournals = true;
   return settings;
@@ -536,6 +553,15 @@ CommandLine ParseCommandLine(int argc, char** argv) {
   CommandLine line;
   line.mode = raw.mode;
   if (raw.mode == CommandLine::Help) return line;
+  if (raw.quarantineMode) {
+    // Only the quarantine's place is needed: nothing is watched or checked.
+    line.mode = *raw.quarantineMode;
+    line.restoreId = raw.restoreId;
+    line.options = DefaultOptions();
+    if (!raw.configPath.empty()) ReadConfigInto(line.options, raw.configPath);
+    ApplyOverrides(line.options, raw.overrides);
+    return line;
+  }
   if (raw.configPath.empty() && raw.watchPaths.empty())
     throw ConfigError("nothing to watch: give --watch PATH... or --config FILE (see --help)");
   line.configPath = raw.configPath;
@@ -556,6 +582,9 @@ const char* UsageText() noexcept {
          "  --watch PATH...         watch these paths (added to the config file's)\n"
          "  --config FILE           read the JSON config FILE (reread on SIGHUP)\n"
          "  --check-config FILE     check the JSON config FILE and exit\n"
+         "  --list-quarantine       print the quarantine's records (quarantine_dir), one a line\n"
+         "  --restore ID            put a quarantined file back where it was, with its owner\n"
+         "                          and mode\n"
          "  --engine clamav|none    scanning engine (default clamav; none allows everything)\n"
          "  --log-level LEVEL       error, notice or detail (or 300, 700, 800; default notice)\n"
          "  --log-file FILE         append the log to FILE (default: stderr)\n"

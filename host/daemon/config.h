@@ -28,8 +28,9 @@ HostOptions LoadConfigFile(const std::string& path);
 HostOptions OptionsFromWatchPaths(std::vector<std::string> paths);
 
 struct CommandLine {
-  enum Mode { Run, CheckConfig, Help } mode = Run;
+  enum Mode { Run, CheckConfig, Help, Restore, ListQuarantine } mode = Run;
   HostOptions options;
+  std::string restoreId;  // with Restore
   std::string configPath;  // empty when the options came from --watch alone
 };
 

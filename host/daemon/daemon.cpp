@@ -33,6 +33,7 @@
 #include "host/reporting/metrics.h"
 #include "host/system/mount_table.h"
 #include "host/engine/none_engine.h"
+#include "host/engine/signature_watcher.h"
 #include "host/system/object_skip_checker.h"
 #include "host/interception/permission_table.h"
 #include "host/system/process_manager.h"
@@ -41,6 +42,8 @@
 #include "host/system/task_manager.h"
 #include "host/system/thread_pool.h"
 #include "host/system/timer_service.h"
+#include "host/system/quarantine.h"
+#include "host/system/trusted_programs.h"
 #include "host/system/written_files.h"
 #include "host/reporting/tracer.h"
 #include "host/interception/verdict_notifier.h"
@@ -76,6 +79,8 @@ struct Services {
   std::shared_ptr<PermissionTable> permissions;  // shared with the notifier and the readers
   objptr_t<VerdictNotifier> verdicts;
   objptr_t<ClamavEngine> clamav;  // set only with the ClamAV engine
+  std::unique_ptr<SignatureWatcher> signatureWatcher;  // set only with the ClamAV engine
+  std::shared_ptr<TrustedPrograms> trusted = std::make_shared<TrustedPrograms>();  // asked by the engine
   objptr_t<vrel::IEventHandler085> engine;
   objptr_t<ServiceLocator> locator = MakeHostObject<ServiceLocator>();
 };
@@ -187,10 +192,28 @@ void Daemon::PostRefresh() noexcept {
   [[maybe_unused]] const ssize_t n = ::write(m_wakeFd, &one, sizeof one);
 }
 
+void Daemon::PostEngineChange() noexcept {
+  m_engineChangePosted.store(true);
+  const uint64_t one = 1;
+  [[maybe_unused]] const ssize_t n = ::write(m_wakeFd, &one, sizeof one);
+}
+
 void Daemon::OnWake() {
   uint64_t count = 0;
   [[maybe_unused]] const ssize_t n = ::read(m_wakeFd, &count, sizeof count);
   if (m_refreshPosted.exchange(false)) PushSettings();
+  if (m_engineChangePosted.exchange(false)) ResetCaches();
+}
+
+// New signatures void every clean answer: the module's caches, the engine's and the kernel's.
+void Daemon::ResetCaches() {
+  if (!m_interceptor) return;
+  m_services->fanotify->FlushKernelCache(KernelCache::FlushReason::Reload);
+  const qeb::result_t r = m_interceptor->ResetCache();
+  if (QEB_FAILED(r)) {
+    QEB_TRACE(m_services->tracer, trace::LevelError)
+        << "oasd: the interceptor could not reset its caches: " << trace::AsResult(r);
+  }
 }
 
 void Daemon::PushSettings() {
@@ -211,6 +234,9 @@ std::vector<std::pair<const char*, bool>> RestartKeys(const HostOptions& now, co
   return {
       {"engine", now.engine != fresh.engine},
       {"signature_dir", now.signatureDir != fresh.signatureDir},
+      {"quarantine_dir", now.quarantineDir != fresh.quarantineDir},
+      {"clamav_database_dir", now.clamavDatabaseDir != fresh.clamavDatabaseDir},
+      {"signature_check_interval_s", now.signatureCheckIntervalS != fresh.signatureCheckIntervalS},
       {"engine_delay_ms", !engineTakesDelay && now.engineDelayMs != fresh.engineDelayMs},
       {"checked_cache_entries", now.checkedCacheEntries != fresh.checkedCacheEntries},
       {"kernel_cache", now.kernelCache != fresh.kernelCache},
@@ -268,7 +294,7 @@ void Daemon::Reload() {
           [&] { m_options.engineDelayMs = fresh.engineDelayMs; });
     apply("unscanned_action", fresh.denyUnscanned != m_options.denyUnscanned,
           [&] { m_options.denyUnscanned = fresh.denyUnscanned; });
-    m_services->clamav->ReloadSignatures();
+    if (QEB_SUCCEEDED(m_services->clamav->ReloadSignatures())) ResetCaches();
   }
   // After the engine is in place: a file cached before must be judged by it.
   m_services->fanotify->FlushKernelCache(KernelCache::FlushReason::Reload);
@@ -285,6 +311,7 @@ void Daemon::Reload() {
   apply("watch", fresh.watchPaths != m_options.watchPaths, [] {});
   apply("settings", !(fresh.settings == m_options.settings), [&] {
     m_services->taskManager->ReplaceSettings(fresh.settings);
+    m_services->trusted->Apply(fresh.settings.ScanScopeWithTrustedPrograms.excluded_for_program);
     m_options.watchPaths = fresh.watchPaths;
     m_options.settings = fresh.settings;
   });
@@ -432,6 +459,19 @@ void SetUpEngine(Services& s, const HostOptions& options, HostMetrics& metrics) 
       [log](const UnprocessedRecord& record) { log->Unprocessed(record); }, s.writes);
   // A detection's answer is announced to the deadline, so the records can tell a late one.
   s.clamav->SetExpectVerdict([table = s.permissions](int fd) { return table->ExpectVerdict(fd); });
+  s.clamav->SetObjectCallback([log](const ObjectRecord& record) { log->Object(record); });
+  s.trusted->Apply(options.settings.ScanScopeWithTrustedPrograms.excluded_for_program);
+  s.clamav->SetRemover([quarantine = std::make_shared<Quarantine>(options.quarantineDir)](
+                           int fd, const std::string& path, const std::string& threat, std::string& error) {
+    return quarantine->Move(fd, path, threat, error);
+  });
+  s.clamav->SetTrustCheck([trusted = s.trusted](int32_t pid, const std::string& path) {
+    return trusted->Trusted(pid, path);
+  });
+  if (options.settings.ScanSettings.ScanSettingsBase.use_sandbox) {
+    QEB_TRACE(tracer, trace::LevelNotice)
+        << "oasd: use_sandbox is set, but libclamav has no sandbox: files are scanned in oasd's process";
+  }
   Require(s.clamav->SetUp(), "cannot load the signatures from " + SignatureDirFor(options));
   s.engine = objptr_t<vrel::IEventHandler085>(s.clamav.Get());
 }
@@ -460,7 +500,9 @@ void Daemon::StartProtection() {
   SetUpFiles(s);
   SetUpSystemServices(s, m_options);
   SetUpInterception(s, m_options, m_metrics);
+  if (m_options.engine == EngineKind::ClamAV) WatchSignatures();
   SetUpEngine(s, m_options, m_metrics);
+  if (s.signatureWatcher) s.signatureWatcher->Start();
   RegisterServices(s);
   CreateInterceptor();
   Require(m_interceptor->Init(m_options.verdictTimeoutMs), "the interceptor refused Init");
@@ -474,6 +516,17 @@ void Daemon::StartProtection() {
   Require(m_interceptor->SetSettings(s.taskManager->CurrentSettings()),
           "the interceptor refused the settings");
   s.metricsWriter->Start();
+}
+
+// Built before the engine loads, so an update made during the load shows at the first
+// check; started once the engine is up.
+void Daemon::WatchSignatures() {
+  Services& s = *m_services;
+  s.signatureWatcher = std::make_unique<SignatureWatcher>(
+      std::vector<std::string>{SignatureDirFor(m_options), m_options.clamavDatabaseDir},
+      std::chrono::seconds(m_options.signatureCheckIntervalS), [this, &s] {
+        if (QEB_SUCCEEDED(s.clamav->ReloadSignatures())) PostEngineChange();
+      });
 }
 
 void Daemon::CreateInterceptor() {
@@ -506,6 +559,7 @@ void Daemon::Stop() noexcept {
   m_interceptor.Reset();
   if (s.metricsWriter) s.metricsWriter->TearDown();
   TearDownSystemServices(s);
+  if (s.signatureWatcher) s.signatureWatcher->TearDown();
   if (s.clamav) s.clamav->TearDown();
   ReleaseModule();
   if (s.eventLog) s.eventLog->TearDown();

@@ -49,6 +49,7 @@ class Daemon {
   void OpenLoopDescriptors();
   void StartProtection();
   void CreateInterceptor();
+  void WatchSignatures();
   void Serve();
   void ArmStopWatchdog();
   void OnSignal(int signal);
@@ -60,6 +61,9 @@ class Daemon {
   void ReleaseModule() noexcept;
   // Called by the task manager on the module's threads: only marks and wakes.
   void PostRefresh() noexcept;
+  // Called by the signature watcher once a new engine is in: the clean-file caches go.
+  void PostEngineChange() noexcept;
+  void ResetCaches();
 
   HostOptions m_options;
   const ReloadFunction m_reload;
@@ -67,6 +71,7 @@ class Daemon {
   int m_signalFd = -1;
   int m_wakeFd = -1;
   std::atomic<bool> m_refreshPosted{false};
+  std::atomic<bool> m_engineChangePosted{false};
   bool m_stopping = false;
   std::unique_ptr<Services> m_services;
   ModuleLoader m_module;

@@ -8,6 +8,7 @@
 #include "host/daemon/config.h"
 #include "host/daemon/daemon.h"
 #include "host/daemon/preflight.h"
+#include "host/system/quarantine.h"
 
 namespace {
 
@@ -18,6 +19,22 @@ int RunDaemon(const oasd::CommandLine& commandLine, int argc, char** argv) {
     reload = [argc, argv] { return oasd::ParseCommandLine(argc, argv).options; };
   oasd::Daemon daemon(commandLine.options, std::move(reload));
   return daemon.Run();
+}
+
+// --restore and --list-quarantine: 0 when done, 1 when the quarantine refused.
+int RunQuarantine(const oasd::CommandLine& commandLine) {
+  const oasd::Quarantine quarantine(commandLine.options.quarantineDir);
+  try {
+    if (commandLine.mode == oasd::CommandLine::Restore) {
+      std::cout << "restored " << quarantine.Restore(commandLine.restoreId) << std::endl;
+    } else {
+      for (const auto& record : quarantine.List()) std::cout << record << '\n';
+    }
+  } catch (const std::exception& error) {
+    std::cerr << "oasd: " << error.what() << '\n';
+    return 1;
+  }
+  return 0;
 }
 
 }  // namespace
@@ -40,6 +57,9 @@ int main(int argc, char** argv) {
     std::cout << oasd::UsageText();
     return 0;
   }
+  if (commandLine.mode == oasd::CommandLine::Restore ||
+      commandLine.mode == oasd::CommandLine::ListQuarantine)
+    return RunQuarantine(commandLine);
   if (commandLine.mode == oasd::CommandLine::CheckConfig) {
     try {
       oasd::CheckRunNeeds(commandLine.options);

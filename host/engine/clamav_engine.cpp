@@ -8,12 +8,14 @@
 #include "host/engine/module_cacheable.h"
 
 #include <clamav.h>
+#include <pwd.h>
 #include <sys/stat.h>
 #include <stdint.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <mutex>
 #include <sstream>
@@ -54,6 +56,33 @@ cl_error_t InitLibrary() noexcept {
 bool DirectoryExists(const std::string& path) noexcept {
   struct stat st {};
   return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+// freshclam's own account, which owns the databases it keeps current.
+bool DatabaseOwner(uid_t uid) {
+  if (uid == 0) return true;
+  passwd entry {}, *found = nullptr;
+  char buffer[1024];
+  return ::getpwnam_r("clamav", &entry, buffer, sizeof buffer, &found) == 0 && found &&
+         found->pw_uid == uid;
+}
+
+// A database directory only root or freshclam can change, holding at least one database;
+// one a user could write would let that user decide what oasd blocks.
+bool UsableDatabaseDir(const std::string& dir) {
+  struct stat st {};
+  if (dir.empty() || ::stat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) ||
+      !DatabaseOwner(st.st_uid) || (st.st_mode & 022) != 0)
+    return false;
+  static constexpr std::string_view kDatabases[] = {".cvd", ".cld", ".cud", ".ndb", ".hdb", ".hsb",
+                                                    ".ldb", ".mdb", ".msb", ".yar", ".yara"};
+  std::error_code ec;
+  for (const auto& entry : std::filesystem::directory_iterator(dir, ec)) {
+    const std::string name = entry.path().filename().string();
+    for (const auto extension : kDatabases)
+      if (name.ends_with(extension)) return true;
+  }
+  return false;
 }
 
 std::string ThreatName(const char* virname) {
@@ -108,7 +137,18 @@ std::optional<uint32_t> ProcessUid(int32_t pid) {
 struct ScanNames {
   std::string threat;  // the first that is not a limit
   std::string limit;
+  std::string type;    // libclamav's type of the file itself
+  unsigned embedded = 0;  // objects taken out of it
 };
+
+cl_error_t InspectFile(int, const char* type, const char**, size_t, const char*, size_t, const char*,
+                       uint32_t recursionLevel, uint32_t, void* context) {
+  if (!context) return CL_CLEAN;
+  auto& names = *static_cast<ScanNames*>(context);
+  if (recursionLevel > 0) ++names.embedded;
+  else if (type && names.type.empty()) names.type = type;
+  return CL_CLEAN;
+}
 
 void CollectName(int, const char* name, void* context) {
   if (!context || !name) return;
@@ -119,15 +159,6 @@ void CollectName(int, const char* name, void* context) {
 
 off_t ReadAt(void* handle, void* buffer, size_t count, off_t offset) {
   return ::pread(static_cast<int>(reinterpret_cast<intptr_t>(handle)), buffer, count, offset);
-}
-
-cl_scan_options ScanOptions() {
-  cl_scan_options options{};
-  options.parse = ~0u;
-  // Without this a file past a limit comes back clean.
-  options.general = CL_SCAN_GENERAL_HEURISTICS;
-  options.heuristic = CL_SCAN_HEURISTIC_EXCEEDS_MAX;
-  return options;
 }
 
 ScanOutcome Outcome(ScanOutcome::Kind kind, std::string text = {}) {
@@ -146,7 +177,12 @@ ScanOutcome Unscanned(UnscannedReason reason, std::string detail) {
 ScanOutcome Interpret(cl_error_t r, const char* virname, const ScanNames& names) {
   if (!names.threat.empty()) return Outcome(ScanOutcome::Detected, ThreatName(names.threat.c_str()));
   if (!names.limit.empty()) return Unscanned(*LimitNamed(names.limit), names.limit);
-  if (r == CL_CLEAN) return Outcome(ScanOutcome::Clean);
+  if (r == CL_CLEAN) {
+    ScanOutcome clean = Outcome(ScanOutcome::Clean);
+    clean.type = names.type;
+    clean.embedded = names.embedded;
+    return clean;
+  }
   if (r == CL_VIRUS) {
     if (virname)
       if (const auto limit = LimitNamed(virname)) return Unscanned(*limit, virname);
@@ -176,11 +212,13 @@ ClamavEngine::ClamavEngine(qeb::objptr_t<qeb::ITracer> tracer, HostMetrics& metr
     : m_tracer(std::move(tracer)),
       m_metrics(metrics),
       m_signatureDir(SignatureDirFor(options)),
+      m_databaseDir(options.clamavDatabaseDir),
       m_onDetection(std::move(onDetection)),
       m_onUnprocessed(std::move(onUnprocessed)),
       m_useChecker(options.settings.ScanSettings.ScanSettingsBase.use_ichecker),
       m_denyUnscanned(options.denyUnscanned),
       m_delayMs(options.engineDelayMs),
+      m_policy(std::make_shared<const ScanPolicy>(PolicyFor(options))),
       m_nextLimits(LimitsFor(options)),
       m_checked(options.checkedCacheEntries),
       m_writes(writes ? std::move(writes) : std::make_shared<const WrittenFiles>()) {}
@@ -207,7 +245,14 @@ qeb::result_t ClamavEngine::ReloadSignatures() {
   std::lock_guard reload(m_reloadMutex);
   EnginePtr fresh;
   unsigned signatures = 0;
-  if (const qeb::result_t r = LoadEngine(fresh, signatures); QEB_FAILED(r)) return r;
+  bool withDatabase = UsableDatabaseDir(m_databaseDir);
+  qeb::result_t r = LoadEngine(fresh, signatures, withDatabase);
+  if (QEB_FAILED(r) && withDatabase) {
+    QEB_TRACE(m_tracer, LevelError) << "engine: loading without the databases in " << m_databaseDir;
+    withDatabase = false;
+    r = LoadEngine(fresh, signatures, false);
+  }
+  if (QEB_FAILED(r)) return r;
   {
     std::lock_guard lock(m_engineMutex);
     m_engine.swap(fresh);
@@ -215,20 +260,27 @@ qeb::result_t ClamavEngine::ReloadSignatures() {
   m_checked.Clear();
   m_signatureCount = signatures;
   m_fileSizeLimit = m_nextLimits.fileSize;
-  QEB_TRACE(m_tracer, LevelNotice)
-      << "engine: loaded " << signatures << " signatures from " << m_signatureDir;
+  QEB_TRACE(m_tracer, LevelNotice) << "engine: loaded " << signatures << " signatures from "
+                                   << m_signatureDir << (withDatabase ? " and " + m_databaseDir : "");
   return res::Ok;
 }
 
-qeb::result_t ClamavEngine::LoadEngine(EnginePtr& engine, unsigned& signatures) {
+qeb::result_t ClamavEngine::LoadEngine(EnginePtr& engine, unsigned& signatures, bool withDatabase) {
+  signatures = 0;
   if (InitLibrary() != CL_SUCCESS) return res::NotReady;
   engine = EnginePtr(cl_engine_new(), cl_engine_free);
   if (!engine) return res::OutOfMemory;
   cl_engine_set_clcb_virus_found(engine.get(), CollectName);
+  cl_engine_set_clcb_file_inspection(engine.get(), InspectFile);
   cl_error_t r = ApplyLimits(engine.get(), m_nextLimits);
   if (const std::string& tmp = ScratchDirForEngine().path; r == CL_SUCCESS && !tmp.empty())
     r = cl_engine_set_str(engine.get(), CL_ENGINE_TMPDIR, tmp.c_str());
+  // libclamav's own clean cache keys on content alone, so an answer found with archives off
+  // would outlive the setting; the checked cache is oasd's one cache, cleared with the policy.
+  if (r == CL_SUCCESS) r = cl_engine_set_num(engine.get(), CL_ENGINE_DISABLE_CACHE, 1);
   if (r == CL_SUCCESS) r = cl_load(m_signatureDir.c_str(), engine.get(), &signatures, CL_DB_STDOPT);
+  if (r == CL_SUCCESS && withDatabase)
+    r = cl_load(m_databaseDir.c_str(), engine.get(), &signatures, CL_DB_STDOPT);
   if (r == CL_SUCCESS && signatures == 0) {
     QEB_TRACE(m_tracer, LevelError) << "engine: no signatures in " << m_signatureDir;
     return res::NotFound;
@@ -247,6 +299,11 @@ ClamavEngine::EnginePtr ClamavEngine::CurrentEngine() const {
   return m_engine;
 }
 
+std::shared_ptr<const ScanPolicy> ClamavEngine::CurrentPolicy() const {
+  std::lock_guard lock(m_engineMutex);
+  return m_policy;
+}
+
 void ClamavEngine::ApplyOptions(const HostOptions& options) noexcept {
   m_useChecker = options.settings.ScanSettings.ScanSettingsBase.use_ichecker;
   {
@@ -255,6 +312,13 @@ void ClamavEngine::ApplyOptions(const HostOptions& options) noexcept {
   }
   m_delayChanged.notify_all();
   m_denyUnscanned = options.denyUnscanned;
+  {
+    // A clean answer holds only for the options it was found under.
+    auto policy = std::make_shared<const ScanPolicy>(PolicyFor(options));
+    std::lock_guard lock(m_engineMutex);
+    m_policy.swap(policy);
+  }
+  m_checked.Clear();
   std::lock_guard reload(m_reloadMutex);
   m_nextLimits = LimitsFor(options);
 }
@@ -306,7 +370,7 @@ ScanOutcome ClamavEngine::ScanWithEngine(int fd, const EnginePtr& engine) {
   // The descriptor is an open file description of its own (fanotify opens one per event),
   // so moving its offset disturbs nobody.
   ::lseek(fd, 0, SEEK_SET);
-  cl_scan_options options = ScanOptions();
+  cl_scan_options options = ScanOptionsFor(*CurrentPolicy(), fd);
   const char* virname = nullptr;
   unsigned long scanned = 0;
   ScanNames names;
@@ -327,7 +391,7 @@ ScanOutcome ClamavEngine::ScanHead(int fd, const EnginePtr& engine, uint64_t siz
       cl_fmap_open_handle(reinterpret_cast<void*>(static_cast<intptr_t>(fd)), 0, length, ReadAt, 1),
       cl_fmap_close);
   if (!map) return Unscanned(UnscannedReason::ScanError, "cannot map the file's head");
-  cl_scan_options options = ScanOptions();
+  cl_scan_options options = ScanOptionsFor(*CurrentPolicy(), fd);
   const char* virname = nullptr;
   unsigned long scanned = 0;
   ScanNames names;
@@ -353,7 +417,7 @@ void ClamavEngine::Delay() const noexcept {
 // ---- events ------------------------------------------------------------------------
 
 qeb::result_t ClamavEngine::OnEvent(vrel::IEvent085* event, uint32_t) noexcept {
-  return Handle(event);
+  return Handle(event, true);
 }
 
 qeb::result_t ClamavEngine::OnEventCancelled(vrel::IEvent085*, uint32_t) noexcept {
@@ -361,12 +425,13 @@ qeb::result_t ClamavEngine::OnEventCancelled(vrel::IEvent085*, uint32_t) noexcep
 }
 
 // A file closed after writing is scanned like an open, so a detection is reported even
-// though nobody waits for the answer.
+// though nobody waits for the answer. Trusted programs do not apply: the writer may have
+// exited and its pid be another's by now.
 qeb::result_t ClamavEngine::OnNotification(vrel::IEvent085* event, uint32_t) noexcept {
-  return Handle(event);
+  return Handle(event, false);
 }
 
-qeb::result_t ClamavEngine::Handle(vrel::IEvent085* event) noexcept {
+qeb::result_t ClamavEngine::Handle(vrel::IEvent085* event, bool waiting) noexcept {
   if (!event) return res::InvalidArgument;
   try {
     if (m_stopping) return event->Reply(vrel::BasicVerdict::Allow);
@@ -376,7 +441,13 @@ qeb::result_t ClamavEngine::Handle(vrel::IEvent085* event) noexcept {
       QEB_TRACE(m_tracer, LevelDetail) << "engine: no descriptor, allowed unscanned";
       return event->Reply(vrel::BasicVerdict::Allow);
     }
-    return Answer(event, ScanDescriptor(fd));
+    const auto policy = CurrentPolicy();
+    if (const std::string why = PassUnscanned(event, *policy, fd, waiting); !why.empty()) {
+      // Never cacheable: the settings may change, and the file must be scanned then.
+      QEB_TRACE(m_tracer, LevelDetail) << "engine: " << why << ", allowed unscanned: " << EventPath(event);
+      return event->Reply(vrel::BasicVerdict::Allow);
+    }
+    return Answer(event, ScanDescriptor(fd), *policy);
   } catch (...) {
     const qeb::result_t r = qeb::TraceCurrentException(m_tracer.Get());
     event->Reply(vrel::BasicVerdict::Allow);
@@ -384,34 +455,84 @@ qeb::result_t ClamavEngine::Handle(vrel::IEvent085* event) noexcept {
   }
 }
 
-qeb::result_t ClamavEngine::Answer(vrel::IEvent085* event, const ScanOutcome& outcome) {
+// Executions are scanned whatever the filter: running a file is what the filter guards.
+std::string ClamavEngine::PassUnscanned(vrel::IEvent085* event, const ScanPolicy& policy, int fd,
+                                        bool waiting) {
+  const std::string path = EventPath(event);
+  if (PathExcluded(policy, path)) return "path excluded by ExcludeMasks";
+  vrel::EventHeader header{};
+  event->GetEventHeader(header);
+  if (waiting && m_trusted && m_trusted(header.processId, path)) return "opened by a trusted program";
+  if (header.functionGroup != kGroupProcess && !FilterSelects(policy, fd, path))
+    return "not selected by scan_filter";
+  return {};
+}
+
+qeb::result_t ClamavEngine::Answer(vrel::IEvent085* event, const ScanOutcome& outcome,
+                                   const ScanPolicy& policy) {
   switch (outcome.kind) {
     case ScanOutcome::Clean:
+      ReportObject(event, outcome, policy);
       AllowModuleCache(event);
       return event->Reply(vrel::BasicVerdict::Allow);
     case ScanOutcome::Detected:
-      ReportDetection(event, outcome.threat);
+      if (ThreatExcluded(policy, outcome.threat)) {
+        // Neither acted upon nor a detection, and never cacheable: the log says why it passed.
+        QEB_TRACE(m_tracer, LevelNotice) << "engine: " << outcome.threat
+                                         << " is excluded by ExcludeThreats, allowed: " << EventPath(event);
+        return event->Reply(vrel::BasicVerdict::Allow);
+      }
+      ReportDetection(event, outcome.threat, policy);
       return event->Reply(vrel::BasicVerdict::Deny);
     case ScanOutcome::Unscanned: break;
   }
   // Never cacheable: the next open scans the file again.
   const bool deny = m_denyUnscanned;
-  ReportUnprocessed(event, outcome, deny);
+  ReportUnprocessed(event, outcome, deny, policy.reportUnprocessed);
   return event->Reply(deny ? vrel::BasicVerdict::Deny : vrel::BasicVerdict::Allow);
 }
 
-void ClamavEngine::ReportDetection(vrel::IEvent085* event, const std::string& threat) {
+void ClamavEngine::ReportObject(vrel::IEvent085* event, const ScanOutcome& outcome,
+                                const ScanPolicy& policy) {
+  const bool packed = policy.reportPacked && outcome.embedded > 0;
+  if (!m_onObject || outcome.fromCache || (!packed && !policy.reportClean)) return;
+  vrel::EventHeader header{};
+  event->GetEventHeader(header);
+  ObjectRecord record{packed ? "packed" : "clean", EventPath(event),
+                      packed ? outcome.type + ", " + std::to_string(outcome.embedded) + " objects inside"
+                             : outcome.type,
+                      std::nullopt, OperationName(header)};
+  if (header.processId > 0) record.pid = static_cast<uint32_t>(header.processId);
+  try {
+    m_onObject(record);
+  } catch (...) {
+    qeb::TraceCurrentException(m_tracer.Get());
+  }
+}
+
+void ClamavEngine::ReportDetection(vrel::IEvent085* event, const std::string& threat,
+                                   const ScanPolicy& policy) {
   vrel::EventHeader header{};
   event->GetEventHeader(header);
   DetectionRecord record{EventPath(event), threat, std::nullopt, ProcessUid(header.processId),
                          OperationName(header)};
   if (header.processId > 0) record.pid = static_cast<uint32_t>(header.processId);
+  record.action = policy.action == InfectedAction::Notify ? "reported" : "blocked";
+  if (policy.disinfectAsked) record.note = "disinfection is not available; blocked instead";
+  // Moved before the verdict, while the opener still waits: it never gets the file.
+  if (policy.action == InfectedAction::Remove && m_remove) {
+    std::string error;
+    record.quarantineId = m_remove(EventDescriptor(event), record.path, threat, error);
+    if (!record.quarantineId.empty()) record.action = "removed";
+    else record.note = "not removed: " + error;
+  }
   // The verdict follows at once and the deadline now waits for it, so "late" says exactly
   // whether the opener was still waiting for this answer.
   record.late = m_expectVerdict && !m_expectVerdict(EventDescriptor(event));
   QEB_TRACE(m_tracer, LevelNotice) << "engine: detected " << threat << " in " << record.path << " ("
                                    << record.operation << " by pid " << header.processId << ")"
-                                   << (record.late ? ", after the open was answered" : "");
+                                   << (record.late ? ", after the open was answered" : "")
+                                   << (record.note.empty() ? "" : "; " + record.note);
   if (!m_onDetection) return;
   try {
     m_onDetection(record);
@@ -420,7 +541,8 @@ void ClamavEngine::ReportDetection(vrel::IEvent085* event, const std::string& th
   }
 }
 
-void ClamavEngine::ReportUnprocessed(vrel::IEvent085* event, const ScanOutcome& outcome, bool denied) {
+void ClamavEngine::ReportUnprocessed(vrel::IEvent085* event, const ScanOutcome& outcome, bool denied,
+                                     bool write) {
   m_metrics.unprocessed[static_cast<size_t>(outcome.reason)].fetch_add(1, std::memory_order_relaxed);
   vrel::EventHeader header{};
   event->GetEventHeader(header);
@@ -436,7 +558,7 @@ void ClamavEngine::ReportUnprocessed(vrel::IEvent085* event, const ScanOutcome& 
   QEB_TRACE(m_tracer, level) << "engine: not scanned whole (" << record.reason << ": "
                              << record.detail << "), " << (denied ? "denied" : "allowed") << ": "
                              << record.path;
-  if (!m_onUnprocessed) return;
+  if (!m_onUnprocessed || !write) return;
   try {
     m_onUnprocessed(record);
   } catch (...) {

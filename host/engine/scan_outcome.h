@@ -19,6 +19,8 @@ struct ScanOutcome {
   std::string threat;  // the signature's name when Detected, what stopped the scan otherwise
   UnscannedReason reason = UnscannedReason::ScanError;
   bool fromCache = false;
+  std::string type;       // when Clean: libclamav's name for the file's type
+  unsigned embedded = 0;  // when Clean: objects the scan took out of the file
 };
 
 }  // namespace oasd

@@ -83,6 +83,17 @@ std::string DetectionLine(const DetectionRecord& record, std::chrono::system_clo
   };
   if (record.pid) line["pid"] = *record.pid;
   if (record.uid) line["uid"] = *record.uid;
+  if (!record.action.empty()) line["action"] = record.action;
+  if (!record.note.empty()) line["note"] = record.note;
+  if (!record.quarantineId.empty()) line["quarantine_id"] = record.quarantineId;
+  return ToLine(line);
+}
+
+std::string ObjectLine(const ObjectRecord& record, std::chrono::system_clock::time_point now) {
+  json line = {{"type", record.type},     {"time", FormatUtcTime(now)},
+               {"path", record.path},     {"detail", record.detail},
+               {"operation", record.operation}};
+  if (record.pid) line["pid"] = *record.pid;
   return ToLine(line);
 }
 
@@ -143,6 +154,14 @@ void EventLog::Detection(const DetectionRecord& record) noexcept {
 void EventLog::Unprocessed(const UnprocessedRecord& record) noexcept {
   try {
     Append(UnprocessedLine(record, std::chrono::system_clock::now()));
+  } catch (...) {
+    NoteWriteResult(false, ENOMEM);
+  }
+}
+
+void EventLog::Object(const ObjectRecord& record) noexcept {
+  try {
+    Append(ObjectLine(record, std::chrono::system_clock::now()));
   } catch (...) {
     NoteWriteResult(false, ENOMEM);
   }

@@ -30,6 +30,19 @@ struct DetectionRecord {
   std::optional<uint32_t> uid;
   std::string operation;
   bool late = false;  // found after the open was already answered (the deadline, a stop)
+  std::string action{};  // what oasd did beyond the verdict ("blocked", "removed", ...); may be empty
+  std::string note{};    // why the action is not the one asked for; may be empty
+  std::string quarantineId{};  // when removed: the ID `oasd --restore` takes
+};
+
+// A file the settings ask to hear about although nothing is wrong with it: "clean" (a
+// scan found nothing) or "packed" (the scan took objects out of it).
+struct ObjectRecord {
+  std::string type;
+  std::string path;
+  std::string detail;
+  std::optional<uint32_t> pid;
+  std::string operation;
 };
 
 // What the engine reports about a file it did not scan whole.
@@ -50,6 +63,7 @@ std::string ProcessingErrorLine(const nox::ProcessingErrorEvent& event,
 std::string DetectionLine(const DetectionRecord& record, std::chrono::system_clock::time_point now);
 std::string UnprocessedLine(const UnprocessedRecord& record,
                             std::chrono::system_clock::time_point now);
+std::string ObjectLine(const ObjectRecord& record, std::chrono::system_clock::time_point now);
 
 class EventLog : public qeb::object::Ifaces<nox::IEventPublisher> {
  public:
@@ -66,6 +80,7 @@ class EventLog : public qeb::object::Ifaces<nox::IEventPublisher> {
   void Detection(const DetectionRecord& record) noexcept;
   // Counted by the engine, which knows the reason's index; only written here.
   void Unprocessed(const UnprocessedRecord& record) noexcept;
+  void Object(const ObjectRecord& record) noexcept;
 
   uint64_t WriteFailures() const noexcept { return m_writeFailures; }
 

@@ -272,6 +272,8 @@ class Sandbox {
                              {"events_file", m_eventsFile},
                              {"metrics_file", State("metrics.prom")},
                              {"metrics_interval_s", 3600},
+                             // The machine's ClamAV databases would rename and slow every detection.
+                             {"clamav_database_dir", ""},
                              {"log_level", "notice"}};
     config.update(nlohmann::json::parse("{" + extra + "}"));
     return config.dump();

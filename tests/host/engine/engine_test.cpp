@@ -58,7 +58,11 @@ void Overwrite(const std::string& path, std::string_view content) {
 
 class EngineTest : public ::testing::Test {
  protected:
-  EngineTest() { options.checkedCacheEntries = 16; }
+  EngineTest() {
+    options.checkedCacheEntries = 16;
+    options.clamavDatabaseDir.clear();
+    options.settings.ScanSettings.ScanSettingsBase.report_unprocessed_objects = true;
+  }
 
   qeb::objptr_t<qeb::ITracer> Tracer() const {
     return qeb::objptr_t<qeb::ITracer>(host.tracer.Get());
@@ -297,6 +301,124 @@ TEST_F(EngineTest, AScanRacingAReloadFinishesAndIsNotRemembered) {
   scan.join();
   EXPECT_EQ(outcome.kind, oasd::ScanOutcome::Clean);
   EXPECT_EQ(engine->CheckedCacheSize(), 0u);
+}
+
+// ---- what a user sets ----------------------------------------------------------------
+
+// A zip made by the zip tool: the test signature matches at offset 0 only, so it is found
+// only when libclamav opens the archive.
+std::string Zipped(const TempDir& dir, const std::string& file) {
+  const std::string zip = dir.Path() + "/" + file + ".zip";
+  const std::string command = "cd '" + dir.Path() + "' && zip -q -X " + zip + " " + file;
+  return std::system(command.c_str()) == 0 ? zip : std::string();
+}
+
+TEST_F(EngineTest, ArchiveParsingFollowsScanArchivedAndReportsWhatTheSettingsAsk) {
+  auto& base = options.settings.ScanSettings.ScanSettingsBase;
+  base.scan_archived = true;
+  base.report_packed_objects = true;
+  base.report_clean_objects = true;
+  UseChecker(true);
+  auto engine = MakeEngine();
+  std::vector<oasd::ObjectRecord> objects;
+  engine->SetObjectCallback([&](const oasd::ObjectRecord& r) { objects.push_back(r); });
+  dir.Write("eicar.com", kEicar);
+  const std::string zip = Zipped(dir, "eicar.com");
+  ASSERT_FALSE(zip.empty()) << "the zip tool is missing";
+  const std::string plain = dir.Write("plain.bin", "\x7f plain");
+  LetChangesSettle();
+  EXPECT_EQ(Open(engine.Get(), zip), kDeny);
+  EXPECT_EQ(Open(engine.Get(), plain), kAllowClean);
+
+  // Off, the archive is clean; that answer must not outlive the setting.
+  base.scan_archived = false;
+  engine->ApplyOptions(options);
+  EXPECT_EQ(Open(engine.Get(), zip), kAllowClean);
+  base.scan_archived = true;
+  engine->ApplyOptions(options);
+  EXPECT_EQ(Open(engine.Get(), zip), kDeny);
+  const std::string cleanZip = Zipped(dir, "plain.bin");
+  LetChangesSettle();
+  EXPECT_EQ(Open(engine.Get(), cleanZip), kAllowClean);
+  ASSERT_EQ(objects.size(), 3u);
+  EXPECT_EQ(objects[0].type, "clean");
+  EXPECT_EQ(objects[0].path, plain);
+  EXPECT_EQ(objects[1].type, "clean");  // nothing taken out with archives off
+  EXPECT_EQ(objects[2].type, "packed");
+  EXPECT_NE(objects[2].detail.find("1 objects inside"), std::string::npos) << objects[2].detail;
+}
+
+TEST_F(EngineTest, ExcludedPathsAndThreatsPassUnscannedUnreportedAndUncached) {
+  auto& scan = options.settings.ScanSettings;
+  scan.ExcludeMasks = {true, {"*.log", "/nowhere/*"}};
+  scan.ExcludeThreats = {true, {"Eicar-*"}};
+  auto engine = MakeEngine();
+  const std::string log = dir.Write("x.log", kEicar);
+  const std::string com = dir.Write("x.com", kEicar);
+  LetChangesSettle();
+  EXPECT_EQ(Open(engine.Get(), log), kAllow);
+  EXPECT_EQ(metrics.scans, 0u);
+  EXPECT_EQ(Open(engine.Get(), com), kAllow);
+  EXPECT_EQ(metrics.scans, 1u);
+  EXPECT_TRUE(detections.empty());
+
+  scan.ExcludeThreats.use_exclude_threats = false;
+  engine->ApplyOptions(options);
+  EXPECT_EQ(Open(engine.Get(), com), kDeny);
+  EXPECT_TRUE(oasd::MaskMatches("/var/log/*", "/var/log/a/b.txt"));
+  EXPECT_FALSE(oasd::MaskMatches("*.log", "/a.log/b"));
+}
+
+TEST_F(EngineTest, ScanFilterChoosesByNameOrContentButExecutionsAreAlwaysScanned) {
+  auto& base = options.settings.ScanSettings.ScanSettingsBase;
+  base.scan_filter = 2;  // ByExtension
+  auto engine = MakeEngine();
+  const std::string text = dir.Write("eicar.txt", kEicar);
+  const std::string bare = dir.Write("eicar", kEicar);
+  LetChangesSettle();
+  EXPECT_EQ(Open(engine.Get(), text), kAllow);
+  EXPECT_EQ(Open(engine.Get(), bare), kDeny);
+  base.scan_filter = 1;  // ByFormat: EICAR is text
+  engine->ApplyOptions(options);
+  EXPECT_EQ(Open(engine.Get(), bare), kAllow);
+  const std::string script = dir.Write("run", "#!/bin/sh\n" + std::string(kEicar));
+  EXPECT_TRUE(oasd::FilterSelects(oasd::PolicyFor(options), Fd(script).Get(), script));
+  EXPECT_EQ(metrics.scans, 1u);
+}
+
+// libclamav has one switch per parser: which settings field owns it depends on the file.
+TEST_F(EngineTest, MailAndArchiveParsingFollowTheFieldThatOwnsTheFilesKind) {
+  auto& scan = options.settings.ScanSettings;
+  scan.ScanSettingsBase.scan_archived = scan.ScanSettingsBase.scan_plain_mail = true;
+  scan.EmulatorSettings = {true, 2};  // Deep
+  const oasd::ScanPolicy policy = oasd::PolicyFor(options);
+  const auto parse = [&](const std::string& name, const std::string& content) {
+    return oasd::ScanOptionsFor(policy, Fd(dir.Write(name, content)).Get()).parse;
+  };
+  EXPECT_FALSE(parse("inbox", "From a@b Mon Jan  1 00:00:00 2024\n") & CL_SCAN_PARSE_MAIL);
+  EXPECT_TRUE(parse("message.eml", "Received: from a\n") & CL_SCAN_PARSE_MAIL);
+  EXPECT_FALSE(parse("setup.exe", "MZ\x90") & CL_SCAN_PARSE_ARCHIVE);
+  EXPECT_TRUE(parse("a.zip", "PK\x03\x04") & CL_SCAN_PARSE_ARCHIVE);
+  EXPECT_TRUE(oasd::ScanOptionsFor(policy, -1).heuristic & CL_SCAN_HEURISTIC_MACROS);
+  scan.EmulatorSettings.use_emulator = false;  // limits are still reported
+  EXPECT_EQ(oasd::ScanOptionsFor(oasd::PolicyFor(options), -1).heuristic,
+            static_cast<uint32_t>(CL_SCAN_HEURISTIC_EXCEEDS_MAX));
+}
+
+TEST_F(EngineTest, DisinfectIsBlockedAndSaysSoWhileNotifyIsReported) {
+  auto& base = options.settings.ScanSettings.ScanSettingsBase;
+  base.infected_action = 0;  // Disinfect
+  auto engine = MakeEngine();
+  const std::string eicar = dir.Write("eicar.com", kEicar);
+  EXPECT_EQ(Open(engine.Get(), eicar), kDeny);
+  base.infected_action = 5;  // Notify: the module turns the deny into an allow
+  engine->ApplyOptions(options);
+  EXPECT_EQ(Open(engine.Get(), eicar), kDeny);
+  ASSERT_EQ(detections.size(), 2u);
+  EXPECT_EQ(detections[0].action, "blocked");
+  EXPECT_NE(detections[0].note.find("disinfection is not available"), std::string::npos);
+  EXPECT_EQ(detections[1].action, "reported");
+  EXPECT_TRUE(detections[1].note.empty());
 }
 
 TEST(CheckedCacheTest, KeepsOneEntryPerFileEvictsTheLeastRecentlyUsedAndSettlesCoarseTimesLater) {
