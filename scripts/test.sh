@@ -28,6 +28,8 @@ packages=(g++ cmake ninja-build binutils libgtest-dev libgmock-dev libboost-dev)
 packages+=(libbenchmark-dev)  # the microbenchmarks under bench/, built but not run
 packages+=(postgresql)  # a scratch database server for the journals cache test
 packages+=(libclamav-dev libmagic-dev nlohmann-json3-dev pkg-config)  # oasd, the reference host
+packages+=(prometheus-cpp-dev libsystemd-dev)  # oasd's metrics endpoint, systemd readiness
+packages+=(python3-prometheus-client)  # the e2e test's parser of the metrics page
 packages+=(e2fsprogs mount)  # mkfs.ext2 and loop mounts for the coarse-timestamp e2e test
 missing=()
 for p in "${packages[@]}"; do

@@ -19,10 +19,13 @@ struct HostMetrics {
   std::atomic<uint64_t> detections{0};
   std::atomic<uint64_t> scans{0};
   std::atomic<uint64_t> checkedCacheHits{0};
+  std::atomic<uint64_t> checkedCacheMisses{0};  // looked up in the checked cache, not there
   std::atomic<int64_t> pending{0};           // permission events waiting for a verdict
   std::atomic<uint64_t> deadlineDenies{0};   // pending events the hard deadline refused
   std::atomic<uint64_t> lateDetections{0};   // detections made after the open was answered
   std::atomic<uint64_t> coalescedScans{0};   // scans answered by a concurrent scan of the file
+  std::atomic<int64_t> signatures{0};          // signatures in the engine in force
+  std::atomic<int64_t> signaturesLoadedAt{0};  // when they were loaded, Unix seconds
   // Files the engine did not scan whole, by reason (the label each index is printed with).
   static constexpr std::array<const char*, 4> UnprocessedReasons{"size_limit", "time_limit",
                                                                  "scan_limit", "scan_error"};

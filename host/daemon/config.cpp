@@ -252,6 +252,7 @@ FieldTable TopLevelFields(HostOptions& o) {
       F("events_file", o.eventsFile),
       F("metrics_file", o.metricsFile),
       F("metrics_interval_s", o.metricsIntervalS),
+      F("metrics_listen", o.metricsListen),
       F("module_path", o.modulePath),
       {"applications",
        [&o](const json& v, const std::string& k) { o.applications = ReadApplications(v, k); }},
@@ -332,6 +333,7 @@ HostOptions DefaultOptions() {
   o.settings = DefaultSettings();
   o.eventsFile = "/var/log/oasd/events.jsonl";
   o.metricsFile = "/run/oasd/metrics.prom";
+  o.metricsListen = DefaultMetricsListen;
   return o;
 }
 
@@ -432,6 +434,7 @@ constexpr ValueOption kValueOptions[] = {
     {"--log-file", "log_file"},
     {"--events-file", "events_file"},
     {"--metrics-file", "metrics_file"},
+    {"--metrics-listen", "metrics_listen"},
 };
 
 struct RawCommandLine {
@@ -559,6 +562,8 @@ const char* UsageText() noexcept {
          "                          (default /var/log/oasd/events.jsonl; \"\" for none)\n"
          "  --metrics-file FILE     write Prometheus metrics to FILE (every metrics_interval_s\n"
          "                          seconds and on SIGUSR1; default /run/oasd/metrics.prom)\n"
+         "  --metrics-listen ADDR   serve the metrics over HTTP on ADDR:PORT (default\n"
+         "                          127.0.0.1:9747; \"\" for none)\n"
          "  -h, --help              print this help and exit\n"
          "\n"
          "Command-line options override the config file. Signals: SIGHUP reloads the\n"

@@ -31,6 +31,8 @@
 #include "host/engine/format_recognizer.h"
 #include "host/system/info_caches.h"
 #include "host/reporting/metrics.h"
+#include "host/reporting/metrics_endpoint.h"
+#include "host/reporting/metrics_page.h"
 #include "host/system/mount_table.h"
 #include "host/engine/none_engine.h"
 #include "host/system/object_skip_checker.h"
@@ -57,7 +59,9 @@ struct Services {
   objptr_t<HostTracer> tracer;
   objptr_t<EventLog> eventLog;
   objptr_t<MetricsHub> metricsHub;
+  std::shared_ptr<MetricsPage> metricsPage;
   std::unique_ptr<MetricsWriter> metricsWriter;
+  MetricsEndpoint metricsEndpoint;
   objptr_t<TaskManager> taskManager;
   objptr_t<FormatRecognizer> formatRecognizer;
   objptr_t<FileFactories> fileFactories;
@@ -215,6 +219,7 @@ std::vector<std::pair<const char*, bool>> RestartKeys(const HostOptions& now, co
       {"permission_deadline_ms", now.permissionDeadlineMs != fresh.permissionDeadlineMs},
       {"metrics_file", now.metricsFile != fresh.metricsFile},
       {"metrics_interval_s", now.metricsIntervalS != fresh.metricsIntervalS},
+      {"metrics_listen", now.metricsListen != fresh.metricsListen},
       {"module_path", now.modulePath != fresh.modulePath},
   };
 }
@@ -325,8 +330,12 @@ void SetUpReporting(Services& s, const HostOptions& options, HostMetrics& metric
   if (const std::string error = s.eventLog->Open(options.eventsFile); !error.empty())
     throw std::runtime_error("cannot open the events file: " + error);
   s.metricsHub = MakeHostObject<MetricsHub>();
-  s.metricsWriter = std::make_unique<MetricsWriter>(
-      TracerOf(s), s.metricsHub, metrics, options.metricsFile, options.metricsIntervalS);
+  s.metricsPage = std::make_shared<MetricsPage>(s.metricsHub, metrics);
+  s.metricsWriter = std::make_unique<MetricsWriter>(TracerOf(s), s.metricsPage,
+                                                    options.metricsFile, options.metricsIntervalS);
+  if (const std::string error = s.metricsEndpoint.Start(options.metricsListen, s.metricsPage);
+      !error.empty())
+    throw std::runtime_error("metrics_listen: " + error);
   // A first page now, so a metrics file oasd may not write stops the start.
   if (options.metricsFile.empty()) return;
   if (const std::string error = s.metricsWriter->WriteOnce(); !error.empty())
@@ -493,6 +502,7 @@ void Daemon::Stop() noexcept {
   m_filtersUp = false;
   TearDownInterception(s);
   m_interceptor.Reset();
+  s.metricsEndpoint.TearDown();
   if (s.metricsWriter) s.metricsWriter->TearDown();
   TearDownSystemServices(s);
   if (s.clamav) s.clamav->TearDown();

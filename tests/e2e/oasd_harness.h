@@ -272,6 +272,7 @@ class Sandbox {
                              {"events_file", m_eventsFile},
                              {"metrics_file", State("metrics.prom")},
                              {"metrics_interval_s", 3600},
+                             {"metrics_listen", ""},
                              {"log_level", "notice"}};
     config.update(nlohmann::json::parse("{" + extra + "}"));
     return config.dump();
