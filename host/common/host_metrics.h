@@ -6,6 +6,8 @@
 #include <atomic>
 #include <cstdint>
 
+#include "host/common/work_progress.h"
+
 namespace oasd {
 
 struct HostMetrics {
@@ -26,6 +28,8 @@ struct HostMetrics {
   std::atomic<uint64_t> coalescedScans{0};   // scans answered by a concurrent scan of the file
   std::atomic<int64_t> signatures{0};          // signatures in the engine in force
   std::atomic<int64_t> signaturesLoadedAt{0};  // when they were loaded, Unix seconds
+  std::atomic<int64_t> lastDetectionAt{0};     // Unix seconds, 0 before the first
+  WorkProgress progress;  // not printed: what the watchdog reads
   // Files the engine did not scan whole, by reason (the label each index is printed with).
   static constexpr std::array<const char*, 4> UnprocessedReasons{"size_limit", "time_limit",
                                                                  "scan_limit", "scan_error"};

@@ -39,6 +39,8 @@
 #include "host/interception/permission_table.h"
 #include "host/system/process_manager.h"
 #include "host/daemon/service_locator.h"
+#include "host/daemon/systemd_notifier.h"
+#include "host/engine/scan_limits.h"
 #include "host/daemon/trusted_file.h"
 #include "host/system/task_manager.h"
 #include "host/system/thread_pool.h"
@@ -62,6 +64,7 @@ struct Services {
   std::shared_ptr<MetricsPage> metricsPage;
   std::unique_ptr<MetricsWriter> metricsWriter;
   MetricsEndpoint metricsEndpoint;
+  std::unique_ptr<SystemdNotifier> systemd;
   objptr_t<TaskManager> taskManager;
   objptr_t<FormatRecognizer> formatRecognizer;
   objptr_t<FileFactories> fileFactories;
@@ -141,6 +144,10 @@ int Daemon::Run() {
   std::fputs("oasd: ready\n", stdout);
   std::fflush(stdout);
   QEB_TRACE(m_services->tracer, trace::LevelNotice) << "oasd: protection is active";
+  // Only now: the marks are placed, so an open the unit's dependants make is already scanned.
+  m_services->systemd->Ready();
+  m_services->systemd->Start(m_options.watchPaths.size(),
+                             LimitsFor(m_options).scanTimeMs + WorkerStallMarginMs);
   Serve();
   ArmStopWatchdog();
   Stop();
@@ -236,6 +243,12 @@ std::string Joined(const std::vector<std::string>& words) {
 // the new configuration is bad (at the paths in force then). A bad configuration changes
 // nothing else; a good one is applied key by key, and each key it cannot apply is named.
 void Daemon::Reload() {
+  m_services->systemd->Reloading();
+  ReloadOptions();
+  m_services->systemd->Ready();
+}
+
+void Daemon::ReloadOptions() {
   const auto& tracer = m_services->tracer;
   HostOptions fresh = m_options;
   if (m_reload) {
@@ -330,6 +343,7 @@ void SetUpReporting(Services& s, const HostOptions& options, HostMetrics& metric
   if (const std::string error = s.eventLog->Open(options.eventsFile); !error.empty())
     throw std::runtime_error("cannot open the events file: " + error);
   s.metricsHub = MakeHostObject<MetricsHub>();
+  s.systemd = std::make_unique<SystemdNotifier>(TracerOf(s), metrics);
   s.metricsPage = std::make_shared<MetricsPage>(s.metricsHub, metrics);
   s.metricsWriter = std::make_unique<MetricsWriter>(TracerOf(s), s.metricsPage,
                                                     options.metricsFile, options.metricsIntervalS);
@@ -348,7 +362,7 @@ void SetUpFiles(Services& s) {
   s.fileFactories = MakeHostObject<FileFactories>(TracerOf(s));
 }
 
-void SetUpSystemServices(Services& s, const HostOptions& options) {
+void SetUpSystemServices(Services& s, const HostOptions& options, HostMetrics& metrics) {
   s.mounts = MakeHostObject<MountWatcher>(TracerOf(s));
   Require(s.mounts->SetUp(), "cannot read the mount table");
   s.processes = MakeHostObject<ProcessManager>(TracerOf(s));
@@ -361,7 +375,7 @@ void SetUpSystemServices(Services& s, const HostOptions& options) {
   // was found clean, and such a file must be scanned again (a text file can carry a test
   // virus just as well), so it never lets one skip.
   s.skipChecker = MakeHostObject<ObjectSkipChecker>();
-  s.threadPools = MakeHostObject<ThreadPoolFactory>(TracerOf(s));
+  s.threadPools = MakeHostObject<ThreadPoolFactory>(TracerOf(s), &metrics.progress.workers);
   s.timers = MakeHostObject<TimerService>(TracerOf(s));
   Require(s.timers->SetUp(), "cannot set up the timer service");
 }
@@ -460,7 +474,7 @@ void Daemon::StartProtection() {
   SetUpReporting(s, m_options, m_metrics);
   s.taskManager = MakeHostObject<TaskManager>(m_options.settings, [this] { PostRefresh(); });
   SetUpFiles(s);
-  SetUpSystemServices(s, m_options);
+  SetUpSystemServices(s, m_options, m_metrics);
   SetUpInterception(s, m_options, m_metrics);
   SetUpEngine(s, m_options, m_metrics);
   RegisterServices(s);
@@ -490,6 +504,10 @@ void Daemon::CreateInterceptor() {
 void Daemon::Stop() noexcept {
   if (!m_services) return;
   Services& s = *m_services;
+  if (s.systemd) {
+    s.systemd->Stopping();
+    s.systemd->TearDown();
+  }
   // The module lets its worker pool go when its filters are removed, and that waits for
   // every queued event: unscanned, they take no time, and protection is ending anyway.
   if (s.clamav) s.clamav->StopScanning();

@@ -494,10 +494,15 @@ void FanotifyEventsProvider::ReadLane(Lane& lane) noexcept {
   alignas(fanotify_event_metadata) char buffer[BatchBytes];
   std::array<uint64_t, MaxBatchEvents> cookies{};
   uint64_t generation = m_mountGeneration.load();
+  // A server lane may wait on its server for good; restarting oasd would not help that.
+  StageProgress* progress = lane.server ? nullptr : &m_metrics.progress.reader;
   while (WaitReadable(lane.group)) {
+    // From before the read: the kernel opens each event's file inside it.
+    if (progress) progress->Started();
     const ssize_t length = ::read(lane.group, buffer, sizeof buffer);
     if (length <= 0) {
       if (length < 0) ReportReadError(errno);
+      if (progress) progress->Finished();
       continue;
     }
     if (const uint64_t now = m_mountGeneration.load(std::memory_order_relaxed); now != generation) {
@@ -514,6 +519,7 @@ void FanotifyEventsProvider::ReadLane(Lane& lane) noexcept {
     ForEachEvent(buffer, length, [&](const fanotify_event_metadata& event) {
       HandlePermissionGroupEvent(event, context, records, lane.server ? cookies[index++] : 0);
     });
+    if (progress) progress->Finished();
   }
 }
 

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <ctime>
 #include <cstring>
 #include <nlohmann/json.hpp>
 
@@ -132,6 +133,7 @@ qeb::result_t EventLog::Publish(nox::ProcessingErrorEvent&& event) noexcept {
 
 void EventLog::Detection(const DetectionRecord& record) noexcept {
   m_metrics.detections.fetch_add(1, std::memory_order_relaxed);
+  m_metrics.lastDetectionAt.store(::time(nullptr), std::memory_order_relaxed);
   if (record.late) m_metrics.lateDetections.fetch_add(1, std::memory_order_relaxed);
   try {
     Append(DetectionLine(record, std::chrono::system_clock::now()));

@@ -57,6 +57,8 @@ constexpr Row<int64_t> Gauges[] = {
     {"oasd_signatures", "Signatures in the engine in force", &HostMetrics::signatures},
     {"oasd_signatures_loaded_timestamp_seconds", "When the signatures in force were loaded",
      &HostMetrics::signaturesLoadedAt},
+    {"oasd_last_detection_timestamp_seconds", "When the last detection was made (0: none yet)",
+     &HostMetrics::lastDetectionAt},
 };
 
 // The library's serializer writes HELP as given; a line break in the module's text would end

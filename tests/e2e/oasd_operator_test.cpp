@@ -1,9 +1,14 @@
 // What an operator's tools see of a running oasd: the metrics endpoint read by a real
-// Prometheus parser. Each scenario runs in its own sandbox (oasd_harness.h); HTTP goes to
-// 127.0.0.1 only, on a port the test picked.
+// Prometheus parser, and systemd's notify protocol on a socket of the sandbox's own (never
+// the real /run/systemd). Each scenario runs in its own sandbox (oasd_harness.h); HTTP goes
+// to 127.0.0.1 only, on a port the test picked.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/un.h>
+
+#include <atomic>
+#include <mutex>
 
 #include "oasd_harness.h"
 
@@ -82,6 +87,113 @@ TEST(OasdOperator, EndpointPageParsesAndItsCountersFollowOpensAndDetections) {
     s.Expect(after->contains("oas_cache_hits_total"), "no module metric:\n" + after->dump());
     s.Expect(after->value("oasd_signatures", 0.0) >= 1, "no signature count");
     s.Expect(after->contains(R"(oasd_scan_latency_seconds_bucket{le="+Inf"})"), "no histogram");
+  });
+}
+
+long long MillisSince(Clock::time_point start) {
+  return std::chrono::duration_cast<Millis>(Clock::now() - start).count();
+}
+
+// A datagram socket at path standing for systemd's, named to oasd through NOTIFY_SOCKET.
+int NotifySocket(const std::string& path) {
+  const int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) return -1;
+  ::setenv("NOTIFY_SOCKET", path.c_str(), 1);
+  return fd;
+}
+
+std::optional<std::string> Receive(int fd, Millis limit) {
+  pollfd p{fd, POLLIN, 0};
+  if (::poll(&p, 1, static_cast<int>(limit.count())) <= 0) return std::nullopt;
+  char buffer[4096];
+  const ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
+  return n < 0 ? std::nullopt : std::optional<std::string>(std::string(buffer, n));
+}
+
+// Messages until one contains what, or the limit; answers whether it came.
+bool ReceiveUntil(int fd, const std::string& what, std::vector<std::string>& seen,
+                  Millis limit = 10s) {
+  const auto end = Clock::now() + limit;
+  while (Clock::now() < end) {
+    const auto message = Receive(fd, std::chrono::duration_cast<Millis>(end - Clock::now()));
+    if (!message) return false;
+    seen.push_back(*message);
+    if (message->find(what) != std::string::npos) return true;
+  }
+  return false;
+}
+
+std::string Joined(const std::vector<std::string>& messages) {
+  std::string text;
+  for (const auto& m : messages) text += "[" + m + "] ";
+  return text;
+}
+
+// The open made the moment READY=1 arrives must already be refused: readiness means protection.
+TEST(OasdOperator, ReadyOnlyOnceProtectingThenStatusReloadAndStop) {
+  OASD_SCENARIO([](Sandbox& s) {
+    const std::string eicar = s.Watched("eicar.com");
+    WriteFile(eicar, kEicar);
+    const int fd = NotifySocket(s.State("notify.sock"));
+    if (fd < 0) return s.Expect(false, "cannot bind the notify socket");
+    std::vector<std::string> early;
+    std::optional<Exit> openAtReady;
+    std::thread listener([&] {
+      if (ReceiveUntil(fd, "READY=1", early, kReadyLimit))
+        openAtReady = InChild([&] { return OpenAndRead(eicar); });
+    });
+    const bool started = s.StartOasd("");
+    listener.join();
+    if (!started) return;
+    s.Expect(openAtReady.has_value(), "no READY=1: " + Joined(early));
+    s.Expect(!openAtReady || openAtReady->Denied(),
+             "the EICAR open at READY=1: " + (openAtReady ? openAtReady->Text() : ""));
+    std::vector<std::string> later;
+    s.Expect(ReceiveUntil(fd, "STATUS=protecting 1 paths", later), "no status: " + Joined(later));
+    ::kill(s.Oasd(), SIGHUP);
+    s.Expect(ReceiveUntil(fd, "RELOADING=1", later), "no RELOADING=1: " + Joined(later));
+    s.Expect(ReceiveUntil(fd, "READY=1", later), "no READY=1 after the reload: " + Joined(later));
+    const pid_t oasd = s.Oasd();
+    ::kill(oasd, SIGTERM);
+    s.Expect(ReceiveUntil(fd, "STOPPING=1", later), "no STOPPING=1: " + Joined(later));
+    s.StopOasd();
+    ::close(fd);
+  });
+}
+
+// A scan that never returns stalls the worker pool: past the scan time limit (1 s here) and
+// the margin, WATCHDOG=1 stops, while the deadline still lets the opener through.
+TEST(OasdOperator, WatchdogIsPettedUntilTheWorkersStall) {
+  OASD_SCENARIO([](Sandbox& s) {
+    const std::string stuck = s.Watched("stuck.bin");
+    WriteFile(stuck, std::string("\x7f\x01\x02stuck", 8));
+    const int fd = NotifySocket(s.State("notify.sock"));
+    if (fd < 0) return s.Expect(false, "cannot bind the notify socket");
+    ::setenv("WATCHDOG_USEC", "1000000", 1);
+    if (!s.StartOasd(R"("engine_delay_ms": 600000, "verdict_timeout_ms": 300,)"
+                     R"( "permission_deadline_ms": 1000, "stop_timeout_ms": 2000,)"
+                     R"( "settings": {"ScanSettings": {"ScanSettingsBase": {"time_limit": 1}}})"))
+      return;
+    std::vector<std::string> seen;
+    s.Expect(ReceiveUntil(fd, "WATCHDOG=1", seen, 3s), "no WATCHDOG=1 while idle: " + Joined(seen));
+    s.Expect(InChild([&] { return OpenAndRead(stuck); }).Is(0), "the opener was not let through");
+    // 1 s of time limit and 5 s of margin from the scan's start; then silence.
+    const auto openedAt = Clock::now();
+    auto lastPet = openedAt;
+    while (Clock::now() - openedAt < 11s) {
+      const auto message = Receive(fd, 500ms);
+      if (message && message->find("WATCHDOG=1") != std::string::npos) lastPet = Clock::now();
+    }
+    const auto quietMs = MillisSince(lastPet);
+    s.Expect(quietMs >= 3000, "WATCHDOG=1 went on with the pool stuck (" +
+                                  std::to_string(quietMs) + " ms since the last)");
+    s.Expect(s.OasdLog().find("the worker pool has made no progress") != std::string::npos,
+             "the stall was not logged");
+    s.StopOasd(1);  // the scan never ends: the stop gives up on it
+    ::close(fd);
   });
 }
 
