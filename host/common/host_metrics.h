@@ -29,6 +29,9 @@ struct HostMetrics {
   std::atomic<int64_t> signatures{0};          // signatures in the engine in force
   std::atomic<int64_t> signaturesLoadedAt{0};  // when they were loaded, Unix seconds
   std::atomic<int64_t> lastDetectionAt{0};     // Unix seconds, 0 before the first
+  std::atomic<int64_t> protecting{0};          // 1 from the marks' placing until the stop
+  std::atomic<int64_t> watchedPaths{0};
+  std::atomic<int64_t> markedFilesystems{0};   // filesystems holding a permission mark
   WorkProgress progress;  // not printed: what the watchdog reads
   // Files the engine did not scan whole, by reason (the label each index is printed with).
   static constexpr std::array<const char*, 4> UnprocessedReasons{"size_limit", "time_limit",

@@ -564,6 +564,8 @@ const char* UsageText() noexcept {
          "                          seconds and on SIGUSR1; default /run/oasd/metrics.prom)\n"
          "  --metrics-listen ADDR   serve the metrics over HTTP on ADDR:PORT (default\n"
          "                          127.0.0.1:9747; \"\" for none)\n"
+         "  status [--config FILE]  ask the running oasd how it is doing (exit 0 protecting,\n"
+         "                          1 not protecting, 3 not running)\n"
          "  -h, --help              print this help and exit\n"
          "\n"
          "Command-line options override the config file. Signals: SIGHUP reloads the\n"

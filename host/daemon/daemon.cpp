@@ -10,6 +10,7 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -145,9 +146,9 @@ int Daemon::Run() {
   std::fflush(stdout);
   QEB_TRACE(m_services->tracer, trace::LevelNotice) << "oasd: protection is active";
   // Only now: the marks are placed, so an open the unit's dependants make is already scanned.
+  m_metrics.protecting.store(1);
   m_services->systemd->Ready();
-  m_services->systemd->Start(m_options.watchPaths.size(),
-                             LimitsFor(m_options).scanTimeMs + WorkerStallMarginMs);
+  m_services->systemd->Start(LimitsFor(m_options).scanTimeMs + WorkerStallMarginMs);
   Serve();
   ArmStopWatchdog();
   Stop();
@@ -231,6 +232,11 @@ std::vector<std::pair<const char*, bool>> RestartKeys(const HostOptions& now, co
   };
 }
 
+int64_t ScanAreasInUse(const nox::settings::OASSettings& settings) {
+  const auto& scope = settings.ScanScopeWithTrustedPrograms.scan_scope;
+  return std::count_if(scope.begin(), scope.end(), [](const auto& a) { return a.use_scan_area; });
+}
+
 std::string Joined(const std::vector<std::string>& words) {
   std::string text;
   for (const auto& word : words) text += (text.empty() ? "" : ", ") + word;
@@ -299,6 +305,7 @@ void Daemon::ReloadOptions() {
     m_services->taskManager->ReplaceSettings(fresh.settings);
     m_options.watchPaths = fresh.watchPaths;
     m_options.settings = fresh.settings;
+    m_metrics.watchedPaths.store(ScanAreasInUse(m_options.settings));
   });
   for (const auto& [key, changed] : RestartKeys(m_options, fresh, engineTakesDelay)) {
     if (!changed) continue;
@@ -483,6 +490,7 @@ void Daemon::StartProtection() {
   Require(m_interceptor->SetSettings(s.taskManager->CurrentSettings()),
           "the interceptor refused the settings");
   StartSystemServices(s);
+  m_metrics.watchedPaths.store(ScanAreasInUse(m_options.settings));
   m_filtersUp = true;
   Require(m_interceptor->SetupFilters(FilterFlags, s.engine), "cannot start interception");
   s.metricsWriter->Start();
@@ -504,6 +512,7 @@ void Daemon::CreateInterceptor() {
 void Daemon::Stop() noexcept {
   if (!m_services) return;
   Services& s = *m_services;
+  m_metrics.protecting.store(0);
   if (s.systemd) {
     s.systemd->Stopping();
     s.systemd->TearDown();

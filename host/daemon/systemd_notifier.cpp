@@ -52,9 +52,8 @@ void SystemdNotifier::Stopping() noexcept {
   if (m_enabled) ::sd_notify(0, "STOPPING=1");
 }
 
-void SystemdNotifier::Start(size_t watchedPaths, int64_t workerStallMs) {
+void SystemdNotifier::Start(int64_t workerStallMs) {
   if (!m_enabled || m_thread.joinable()) return;
-  m_watchedPaths = watchedPaths;
   m_workerStallMs = workerStallMs;
   if (::sd_watchdog_enabled(0, &m_watchdogUs) <= 0) m_watchdogUs = 0;
   m_lastTickMs = StageProgress::NowMs();
@@ -91,8 +90,8 @@ void SystemdNotifier::Tick(int64_t nowMs) {
   const int64_t lastDetection = m_metrics.lastDetectionAt.load();
   char status[256];
   std::snprintf(status, sizeof status,
-                "STATUS=protecting %zu paths; %.1f events/s, %.1f scans/s; %llu detections%s%s",
-                m_watchedPaths, static_cast<double>(events - m_lastEvents) / seconds,
+                "STATUS=protecting %lld paths; %.1f events/s, %.1f scans/s; %llu detections%s%s",
+                static_cast<long long>(m_metrics.watchedPaths.load()), static_cast<double>(events - m_lastEvents) / seconds,
                 static_cast<double>(scans - m_lastScans) / seconds,
                 static_cast<unsigned long long>(m_metrics.detections.load()),
                 lastDetection ? ", last " : "", lastDetection ? ClockText(lastDetection).c_str() : "");

@@ -29,7 +29,7 @@ class SystemdNotifier {
   // Starts the status and watchdog thread. The watchdog is petted only while neither the
   // reader nor the worker pools stall: the reader may hold a batch for half the watchdog
   // period, a worker a task for workerStallMs (the scan time limit and a margin).
-  void Start(size_t watchedPaths, int64_t workerStallMs);
+  void Start(int64_t workerStallMs);
   void TearDown() noexcept;
 
  private:
@@ -40,7 +40,6 @@ class SystemdNotifier {
   const HostMetrics& m_metrics;
   const bool m_enabled;        // NOTIFY_SOCKET was given
   uint64_t m_watchdogUs = 0;   // 0: no watchdog asked for
-  size_t m_watchedPaths = 0;
   int64_t m_workerStallMs = 0;
   uint64_t m_lastEvents = 0, m_lastScans = 0;
   int64_t m_lastTickMs = 0;

@@ -363,6 +363,7 @@ qeb::result_t FanotifyEventsProvider::PlaceMarks(const nox::FileEventsSubscripti
   PlacePermissionMarks(wanted, mask, mounts, placed);
   // A server's filesystem gets no rename mark: placing one opens and stats it.
   PlaceRenameMarks(renames ? local : std::vector<Mark>{}, mounts);
+  m_metrics.markedFilesystems.store(static_cast<int64_t>(placed), std::memory_order_relaxed);
   QEB_TRACE(m_tracer, LevelNotice) << "fanotify: " << placed << " of " << wanted.size()
                                    << " filesystems marked for " << subscription.scanAreas.size()
                                    << " scan areas" << (renames ? ", renames followed" : "");

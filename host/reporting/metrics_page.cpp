@@ -57,6 +57,10 @@ constexpr Row<int64_t> Gauges[] = {
     {"oasd_signatures", "Signatures in the engine in force", &HostMetrics::signatures},
     {"oasd_signatures_loaded_timestamp_seconds", "When the signatures in force were loaded",
      &HostMetrics::signaturesLoadedAt},
+    {"oasd_protecting", "1 while interception is up, else 0", &HostMetrics::protecting},
+    {"oasd_watched_paths", "Paths given to protect", &HostMetrics::watchedPaths},
+    {"oasd_marked_filesystems", "Filesystems holding a permission mark",
+     &HostMetrics::markedFilesystems},
     {"oasd_last_detection_timestamp_seconds", "When the last detection was made (0: none yet)",
      &HostMetrics::lastDetectionAt},
 };

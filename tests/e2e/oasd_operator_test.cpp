@@ -197,5 +197,32 @@ TEST(OasdOperator, WatchdogIsPettedUntilTheWorkersStall) {
   });
 }
 
+// `oasd status` reads the same configuration as the oasd it asks.
+TEST(OasdOperator, StatusReportsARunningOasdAndExits3ForAStoppedOne) {
+  OASD_SCENARIO([](Sandbox& s) {
+    const std::string eicar = s.Watched("eicar.com");
+    WriteFile(eicar, kEicar);
+    const int port = FreeLoopbackPort();
+    if (!s.StartOasd(R"("metrics_listen": "127.0.0.1:)" + std::to_string(port) + "\"")) return;
+    const std::string config = s.State("oasd.json");
+    s.Expect(InChild([&] { return OpenAndRead(eicar); }).Denied(), "opening the EICAR file");
+    s.Expect(s.AwaitEvent("detection", eicar), "no detection line for " + eicar);
+    std::string running;
+    const Exit answered = RunOasdToEnd(s.State("status.txt"), {"status", "--config", config}, running);
+    Sandbox::Note("oasd status:\n" + running);
+    s.Expect(answered.Is(0), "status of a running oasd: " + answered.Text() + "\n" + running);
+    for (const char* line : {"oasd: protecting\n", "watched: 1 paths, 1 filesystems marked",
+                             "engine: clamav, 1 signatures, loaded", "detections: 1\n",
+                             "Eicar-Test-Signature in " })
+      s.Expect(running.find(line) != std::string::npos, std::string("no \"") + line + "\" in:\n" + running);
+    s.Expect(running.find(eicar) != std::string::npos, "the last detection's path:\n" + running);
+    s.StopOasd();
+    std::string stopped;
+    const Exit unanswered = RunOasdToEnd(s.State("status.txt"), {"status", "--config", config}, stopped);
+    s.Expect(unanswered.Is(3), "status of a stopped oasd: " + unanswered.Text() + "\n" + stopped);
+    s.Expect(stopped.starts_with("oasd: not running"), stopped);
+  });
+}
+
 }  // namespace
 }  // namespace oasd_e2e
