@@ -27,6 +27,7 @@
 #include "host/daemon/config.h"
 #include "host/system/containers_monitor.h"
 #include "host/reporting/event_log.h"
+#include "host/reporting/journal_sink.h"
 #include "host/interception/fanotify_events_provider.h"
 #include "host/engine/file_factories.h"
 #include "host/engine/format_recognizer.h"
@@ -346,7 +347,7 @@ void SetUpReporting(Services& s, const HostOptions& options, HostMetrics& metric
   s.tracer = MakeHostObject<HostTracer>(options.logLevel);
   if (const std::string error = s.tracer->OpenLogFile(options.logFile); !error.empty())
     throw std::runtime_error("cannot open the log file: " + error);
-  s.eventLog = MakeHostObject<EventLog>(TracerOf(s), metrics);
+  s.eventLog = MakeHostObject<EventLog>(TracerOf(s), metrics, StderrIsJournal());
   if (const std::string error = s.eventLog->Open(options.eventsFile); !error.empty())
     throw std::runtime_error("cannot open the events file: " + error);
   s.metricsHub = MakeHostObject<MetricsHub>();

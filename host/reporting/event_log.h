@@ -53,7 +53,8 @@ std::string UnprocessedLine(const UnprocessedRecord& record,
 
 class EventLog : public qeb::object::Ifaces<nox::IEventPublisher> {
  public:
-  EventLog(qeb::objptr_t<qeb::ITracer> tracer, HostMetrics& metrics);
+  // journal: each record also goes to the journal with its fields (journal_sink.h).
+  EventLog(qeb::objptr_t<qeb::ITracer> tracer, HostMetrics& metrics, bool journal = false);
   ~EventLog();
 
   // Appends to path from now on; an empty path means no file. Called again with the same
@@ -75,6 +76,7 @@ class EventLog : public qeb::object::Ifaces<nox::IEventPublisher> {
 
   qeb::objptr_t<qeb::ITracer> m_tracer;
   HostMetrics& m_metrics;
+  const bool m_journal;
   std::mutex m_mutex;
   std::string m_path;  // under m_mutex, with the file
   UniqueFd m_file;

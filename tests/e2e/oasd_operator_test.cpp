@@ -7,8 +7,9 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
-#include <atomic>
-#include <mutex>
+#include <sys/stat.h>
+
+#include <map>
 
 #include "oasd_harness.h"
 
@@ -193,6 +194,74 @@ TEST(OasdOperator, WatchdogIsPettedUntilTheWorkersStall) {
     s.Expect(s.OasdLog().find("the worker pool has made no progress") != std::string::npos,
              "the stall was not logged");
     s.StopOasd(1);  // the scan never ends: the stop gives up on it
+    ::close(fd);
+  });
+}
+
+// One datagram of the journal's native protocol: KEY=value lines, or KEY, a newline, a 64-bit
+// little-endian length and that many bytes, for a value holding a line break.
+std::map<std::string, std::string> JournalFields(const std::string& data) {
+  std::map<std::string, std::string> fields;
+  for (size_t pos = 0; pos < data.size();) {
+    const size_t end = data.find('\n', pos);
+    if (end == std::string::npos) break;
+    const std::string line = data.substr(pos, end - pos);
+    if (const size_t eq = line.find('='); eq != std::string::npos) {
+      fields[line.substr(0, eq)] = line.substr(eq + 1);
+      pos = end + 1;
+      continue;
+    }
+    uint64_t length = 0;
+    for (int i = 7; i >= 0 && end + 1 + i < data.size(); --i)
+      length = length << 8 | static_cast<unsigned char>(data[end + 1 + i]);
+    fields[line] = data.substr(end + 9, length);
+    pos = end + 9 + length + 1;
+  }
+  return fields;
+}
+
+// Under systemd (stderr is the journal's stream) each detection is a journal record with its
+// fields; the journal's socket is the sandbox's own, on a tmpfs over /run.
+TEST(OasdOperator, DetectionsReachTheJournalWithFieldsAFileNameCannotForge) {
+  OASD_SCENARIO([](Sandbox& s) {
+    const std::string plain = s.Watched("eicar.com"), forging = s.Watched("x\nOASD_THREAT=none");
+    WriteFile(plain, kEicar);
+    WriteFile(forging, kEicar);
+    if (const std::string error = s.MountTmpfs("/run", "mode=0755"); !error.empty())
+      return s.Expect(false, error);
+    ::mkdir("/run/systemd", 0755);
+    ::mkdir("/run/systemd/journal", 0755);
+    const int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::string("/run/systemd/journal/socket").copy(address.sun_path, sizeof address.sun_path - 1);
+    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
+      return s.Expect(false, "cannot bind the journal socket");
+    // oasd's stderr file, made now so that JOURNAL_STREAM can name it.
+    WriteFile(s.State("stderr.txt"), "");
+    struct stat st {};
+    ::stat(s.State("stderr.txt").c_str(), &st);
+    const std::string stream = std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino);
+    ::setenv("JOURNAL_STREAM", stream.c_str(), 1);
+    if (!s.StartOasd("")) return;
+    s.Expect(InChild([&] { return OpenAndRead(plain); }).Denied(), "opening the EICAR file");
+    s.Expect(InChild([&] { return OpenAndRead(forging); }).Denied(), "opening the forging file");
+    std::map<std::string, std::map<std::string, std::string>> byPath;
+    std::string seen;
+    for (const auto end = Clock::now() + 10s; byPath.size() < 2 && Clock::now() < end;) {
+      const auto message = Receive(fd, 1s);
+      if (!message) continue;
+      auto fields = JournalFields(*message);
+      seen += "[" + *message + "] ";
+      if (fields["OASD_EVENT"] == "detection") byPath[fields["OASD_PATH"]] = fields;
+    }
+    s.Expect(byPath.size() == 2, "journal records: " + seen);
+    for (const auto& [path, fields] : byPath) {
+      s.Expect(path == plain || path == forging, "OASD_PATH " + path);
+      s.Expect(fields.at("OASD_THREAT").find("Eicar") == 0, "OASD_THREAT of " + path);
+      for (const char* key : {"OASD_PID", "OASD_UID", "OASD_OPERATION", "MESSAGE", "PRIORITY"})
+        s.Expect(fields.contains(key), std::string("no ") + key + " in the record of " + path);
+    }
     ::close(fd);
   });
 }
