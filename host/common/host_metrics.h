@@ -12,6 +12,11 @@ namespace oasd {
 
 struct HostMetrics {
   std::atomic<uint64_t> events{0};           // permission events and notifications read
+  // The same by kind (the label each index is printed with); an overflow has none.
+  enum EventKind { Open, Exec, CloseWrite, Modify, Rename };
+  static constexpr std::array<const char*, 5> EventKinds{"open", "exec", "close_write", "modify",
+                                                         "rename"};
+  std::array<std::atomic<uint64_t>, EventKinds.size()> eventsByKind{};
   std::atomic<uint64_t> ownEvents{0};        // oasd's own accesses, allowed without the module
   std::atomic<uint64_t> allowedAtOnce{0};    // the module answered 1 inside OnEvent
   std::atomic<uint64_t> verdictsAllow{0};    // verdicts 1 and 2 delivered later

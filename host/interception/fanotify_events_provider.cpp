@@ -87,6 +87,13 @@ uint64_t PermissionGroupMask(uint32_t flags) noexcept {
   return mask;
 }
 
+HostMetrics::EventKind KindOf(uint64_t mask) noexcept {
+  if (mask & FAN_OPEN_EXEC_PERM) return HostMetrics::Exec;
+  if (mask & FAN_OPEN_PERM) return HostMetrics::Open;
+  if (mask & FAN_CLOSE_WRITE) return HostMetrics::CloseWrite;
+  return HostMetrics::Modify;
+}
+
 uint32_t OperationOf(uint64_t mask) noexcept {
   if (mask & FAN_OPEN_EXEC_PERM) return vrel::VREL_ACTION_EXEC;
   if (mask & FAN_OPEN_PERM) return vrel::VREL_ACTION_OPEN;
@@ -563,6 +570,7 @@ void FanotifyEventsProvider::HandlePermissionGroupEvent(const fanotify_event_met
     }
     return;
   }
+  m_metrics.eventsByKind[KindOf(event.mask)].fetch_add(1, std::memory_order_relaxed);
   const bool permission = (event.mask & (FAN_OPEN_PERM | FAN_OPEN_EXEC_PERM)) != 0;
   if (event.pid == m_ownPid) {
     m_metrics.ownEvents.fetch_add(1, std::memory_order_relaxed);
@@ -594,6 +602,7 @@ void FanotifyEventsProvider::HandleRenameEvent(const fanotify_event_metadata& ev
                                                EventRecordBuilder& records) noexcept {
   m_metrics.events.fetch_add(1, std::memory_order_relaxed);
   if (!(event.mask & FAN_RENAME) || !context.receiver.receiver) return;
+  m_metrics.eventsByKind[HostMetrics::Rename].fetch_add(1, std::memory_order_relaxed);
   if (event.pid == m_ownPid) {
     m_metrics.ownEvents.fetch_add(1, std::memory_order_relaxed);
     return;

@@ -103,12 +103,15 @@ void AddRows(std::vector<MetricFamily>& page, const Row<T>* rows, size_t count, 
   }
 }
 
-void AddUnprocessed(std::vector<MetricFamily>& page, const HostMetrics& host) {
-  MetricFamily& family = FamilyFor(page, "oasd_unprocessed_total",
-                                   "Files the engine did not scan whole", MetricType::Counter);
-  for (size_t i = 0; i < host.unprocessed.size(); ++i) {
-    ClientMetric metric = Sample("reason", HostMetrics::UnprocessedReasons[i]);
-    metric.counter.value = static_cast<double>(host.unprocessed[i].load(std::memory_order_relaxed));
+// A counter array of HostMetrics, one sample per label value.
+template <size_t N>
+void AddByLabel(std::vector<MetricFamily>& page, const char* name, const char* help,
+                const char* label, const std::array<const char*, N>& values,
+                const std::array<std::atomic<uint64_t>, N>& counters) {
+  MetricFamily& family = FamilyFor(page, name, help, MetricType::Counter);
+  for (size_t i = 0; i < N; ++i) {
+    ClientMetric metric = Sample(label, values[i]);
+    metric.counter.value = static_cast<double>(counters[i].load(std::memory_order_relaxed));
     family.metric.push_back(std::move(metric));
   }
 }
@@ -144,7 +147,10 @@ std::vector<MetricFamily> MetricFamilies(const std::vector<MetricSample>& module
                     sample.counter ? MetricType::Counter : MetricType::Gauge, {std::move(metric)}});
   }
   AddRows(page, Counters, std::size(Counters), MetricType::Counter, host);
-  AddUnprocessed(page, host);
+  AddByLabel(page, "oasd_unprocessed_total", "Files the engine did not scan whole", "reason",
+             HostMetrics::UnprocessedReasons, host.unprocessed);
+  AddByLabel(page, "oasd_events_by_kind_total", "File events read from the kernel, by kind",
+             "kind", HostMetrics::EventKinds, host.eventsByKind);
   AddRows(page, Gauges, std::size(Gauges), MetricType::Gauge, host);
   AddLatency(page, host);
   return page;

@@ -83,6 +83,7 @@ TEST(OasdOperator, EndpointPageParsesAndItsCountersFollowOpensAndDetections) {
       return after->value(name, 0.0) - before->value(name, 0.0);
     };
     s.Expect(delta("oasd_events_total") >= 2, "events did not move:\n" + after->dump());
+    s.Expect(delta(R"(oasd_events_by_kind_total{kind="open"})") >= 2, "opens by kind did not move");
     s.Expect(delta("oasd_detections_total") == 1, "detections:\n" + after->dump());
     s.Expect(delta(R"(oasd_verdicts_total{verdict="deny"})") >= 1, "deny verdicts did not move");
     s.Expect(after->contains("oas_cache_hits_total"), "no module metric:\n" + after->dump());
