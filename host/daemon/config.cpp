@@ -304,6 +304,17 @@ void RequireSomethingWatched(const ns::OASSettings& settings) {
     Fail("watch", "nothing to watch: no watch path and no scan_scope entry in use");
 }
 
+// "ADDRESS:PORT" ("[::1]:PORT" for IPv6), a port a scraper can be told: 1 to 65535.
+void CheckListenAddress(const std::string& listen) {
+  if (listen.empty()) return;
+  const size_t colon = listen.rfind(':');
+  const std::string port = colon == std::string::npos ? "" : listen.substr(colon + 1);
+  const bool digits = !port.empty() && port.size() <= 5 &&
+                      std::all_of(port.begin(), port.end(), [](char c) { return c >= '0' && c <= '9'; });
+  if (colon == 0 || !digits || std::stoul(port) == 0 || std::stoul(port) > 65535)
+    Fail("metrics_listen", "expected ADDRESS:PORT with a port from 1 to 65535, or \"\" for none");
+}
+
 // Values that would quietly switch protection off are refused, not taken literally.
 void CheckLimits(const HostOptions& o) {
   if (o.permissionDeadlineMs == 0)
@@ -317,6 +328,7 @@ void CheckLimits(const HostOptions& o) {
   if (o.stopTimeoutMs == 0) Fail("stop_timeout_ms", "expected at least 1");
   if (o.metricsIntervalS == 0)
     Fail("metrics_interval_s", "expected an unsigned integer of at least 1");
+  CheckListenAddress(o.metricsListen);
 }
 
 void Finish(HostOptions& o) {
