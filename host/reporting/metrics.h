@@ -14,10 +14,11 @@
 #include <thread>
 #include <vector>
 
+#include <prometheus/collectable.h>
+
 #include "framework/qeb/host_object.h"
 #include "framework/qeb/objptr.h"
 #include "interfaces/nox/metrics.h"
-#include <prometheus/collectable.h>
 #include "interfaces/qeb/tracer.h"
 
 namespace oasd {
