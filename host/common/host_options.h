@@ -40,6 +40,7 @@ struct HostOptions {
   std::string eventsFile;   // JSON lines of detections and processing errors; empty: none
   std::string metricsFile;  // Prometheus text; empty: none
   uint32_t metricsIntervalS = 5;
+  std::string metricsListen;  // "ADDRESS:PORT" served over HTTP; empty: no endpoint
   std::string modulePath;   // empty: liboas.so next to the executable, then the install dir
 
   std::map<std::string, std::string> applications{{"postgres", "PostgreSQL"}};

@@ -258,6 +258,7 @@ FieldTable TopLevelFields(HostOptions& o) {
       F("events_file", o.eventsFile),
       F("metrics_file", o.metricsFile),
       F("metrics_interval_s", o.metricsIntervalS),
+      F("metrics_listen", o.metricsListen),
       F("module_path", o.modulePath),
       {"applications",
        [&o](const json& v, const std::string& k) { o.applications = ReadApplications(v, k); }},
@@ -309,6 +310,17 @@ void RequireSomethingWatched(const ns::OASSettings& settings) {
     Fail("watch", "nothing to watch: no watch path and no scan_scope entry in use");
 }
 
+// "ADDRESS:PORT" ("[::1]:PORT" for IPv6), a port a scraper can be told: 1 to 65535.
+void CheckListenAddress(const std::string& listen) {
+  if (listen.empty()) return;
+  const size_t colon = listen.rfind(':');
+  const std::string port = colon == std::string::npos ? "" : listen.substr(colon + 1);
+  const bool digits = !port.empty() && port.size() <= 5 &&
+                      std::all_of(port.begin(), port.end(), [](char c) { return c >= '0' && c <= '9'; });
+  if (colon == 0 || !digits || std::stoul(port) == 0 || std::stoul(port) > 65535)
+    Fail("metrics_listen", "expected ADDRESS:PORT with a port from 1 to 65535, or \"\" for none");
+}
+
 // Values that would quietly switch protection off are refused, not taken literally.
 void CheckLimits(const HostOptions& o) {
   if (o.permissionDeadlineMs == 0)
@@ -323,6 +335,7 @@ void CheckLimits(const HostOptions& o) {
   if (o.signatureCheckIntervalS == 0) Fail("signature_check_interval_s", "expected at least 1");
   if (o.metricsIntervalS == 0)
     Fail("metrics_interval_s", "expected an unsigned integer of at least 1");
+  CheckListenAddress(o.metricsListen);
 }
 
 void Finish(HostOptions& o) {
@@ -339,6 +352,7 @@ HostOptions DefaultOptions() {
   o.settings = DefaultSettings();
   o.eventsFile = "/var/log/oasd/events.jsonl";
   o.metricsFile = "/run/oasd/metrics.prom";
+  o.metricsListen = DefaultMetricsListen;
   return o;
 }
 
@@ -439,6 +453,7 @@ constexpr ValueOption kValueOptions[] = {
     {"--log-file", "log_file"},
     {"--events-file", "events_file"},
     {"--metrics-file", "metrics_file"},
+    {"--metrics-listen", "metrics_listen"},
 };
 
 struct RawCommandLine {
@@ -593,6 +608,10 @@ const char* UsageText() noexcept {
          "  --metrics-file FILE     write Prometheus metrics to FILE (every metrics_interval_s\n"
          "                          seconds and on SIGUSR1; default /run/oasd/metrics.prom)\n"
          "  --no-kernel-cache       every open of a clean file goes through oasd (for comparison)\n"
+         "  --metrics-listen ADDR   serve the metrics over HTTP on ADDR:PORT (default\n"
+         "                          127.0.0.1:9747; \"\" for none)\n"
+         "  status [--config FILE]  ask the running oasd how it is doing (exit 0 protecting,\n"
+         "                          1 not protecting, 3 not running)\n"
          "  -h, --help              print this help and exit\n"
          "\n"
          "Command-line options override the config file. Signals: SIGHUP reloads the\n"

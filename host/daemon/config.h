@@ -16,6 +16,9 @@ struct ConfigError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// Loopback only: the page names no user's file, but its counters are nobody else's business.
+inline constexpr const char* DefaultMetricsListen = "127.0.0.1:9747";
+
 // The settings record a config gets before its own "settings" are laid over it: intercept
 // opens, executions and closes after writing, block detections, let clean plain-text
 // files and database journals through from the caches.

@@ -10,6 +10,7 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -26,11 +27,14 @@
 #include "host/daemon/config.h"
 #include "host/system/containers_monitor.h"
 #include "host/reporting/event_log.h"
+#include "host/reporting/journal_sink.h"
 #include "host/interception/fanotify_events_provider.h"
 #include "host/engine/file_factories.h"
 #include "host/engine/format_recognizer.h"
 #include "host/system/info_caches.h"
 #include "host/reporting/metrics.h"
+#include "host/reporting/metrics_endpoint.h"
+#include "host/reporting/metrics_page.h"
 #include "host/system/mount_table.h"
 #include "host/engine/none_engine.h"
 #include "host/engine/signature_watcher.h"
@@ -38,6 +42,8 @@
 #include "host/interception/permission_table.h"
 #include "host/system/process_manager.h"
 #include "host/daemon/service_locator.h"
+#include "host/daemon/systemd_notifier.h"
+#include "host/engine/scan_limits.h"
 #include "host/daemon/trusted_file.h"
 #include "host/system/task_manager.h"
 #include "host/system/thread_pool.h"
@@ -60,7 +66,10 @@ struct Services {
   objptr_t<HostTracer> tracer;
   objptr_t<EventLog> eventLog;
   objptr_t<MetricsHub> metricsHub;
+  std::shared_ptr<MetricsPage> metricsPage;
   std::unique_ptr<MetricsWriter> metricsWriter;
+  MetricsEndpoint metricsEndpoint;
+  std::unique_ptr<SystemdNotifier> systemd;
   objptr_t<TaskManager> taskManager;
   objptr_t<FormatRecognizer> formatRecognizer;
   objptr_t<FileFactories> fileFactories;
@@ -142,6 +151,10 @@ int Daemon::Run() {
   std::fputs("oasd: ready\n", stdout);
   std::fflush(stdout);
   QEB_TRACE(m_services->tracer, trace::LevelNotice) << "oasd: protection is active";
+  // Only now: the marks are placed, so an open the unit's dependants make is already scanned.
+  m_metrics.protecting.store(1);
+  m_services->systemd->Ready();
+  m_services->systemd->Start(LimitsFor(m_options).scanTimeMs + WorkerStallMarginMs);
   Serve();
   ArmStopWatchdog();
   Stop();
@@ -245,8 +258,14 @@ std::vector<std::pair<const char*, bool>> RestartKeys(const HostOptions& now, co
       {"permission_deadline_ms", now.permissionDeadlineMs != fresh.permissionDeadlineMs},
       {"metrics_file", now.metricsFile != fresh.metricsFile},
       {"metrics_interval_s", now.metricsIntervalS != fresh.metricsIntervalS},
+      {"metrics_listen", now.metricsListen != fresh.metricsListen},
       {"module_path", now.modulePath != fresh.modulePath},
   };
+}
+
+int64_t ScanAreasInUse(const nox::settings::OASSettings& settings) {
+  const auto& scope = settings.ScanScopeWithTrustedPrograms.scan_scope;
+  return std::count_if(scope.begin(), scope.end(), [](const auto& a) { return a.use_scan_area; });
 }
 
 std::string Joined(const std::vector<std::string>& words) {
@@ -261,6 +280,12 @@ std::string Joined(const std::vector<std::string>& words) {
 // the new configuration is bad (at the paths in force then). A bad configuration changes
 // nothing else; a good one is applied key by key, and each key it cannot apply is named.
 void Daemon::Reload() {
+  m_services->systemd->Reloading();
+  ReloadOptions();
+  m_services->systemd->Ready();
+}
+
+void Daemon::ReloadOptions() {
   const auto& tracer = m_services->tracer;
   HostOptions fresh = m_options;
   if (m_reload) {
@@ -314,6 +339,7 @@ void Daemon::Reload() {
     m_services->trusted->Apply(fresh.settings.ScanScopeWithTrustedPrograms.excluded_for_program);
     m_options.watchPaths = fresh.watchPaths;
     m_options.settings = fresh.settings;
+    m_metrics.watchedPaths.store(ScanAreasInUse(m_options.settings));
   });
   for (const auto& [key, changed] : RestartKeys(m_options, fresh, engineTakesDelay)) {
     if (!changed) continue;
@@ -354,12 +380,17 @@ void SetUpReporting(Services& s, const HostOptions& options, HostMetrics& metric
   s.tracer = MakeHostObject<HostTracer>(options.logLevel);
   if (const std::string error = s.tracer->OpenLogFile(options.logFile); !error.empty())
     throw std::runtime_error("cannot open the log file: " + error);
-  s.eventLog = MakeHostObject<EventLog>(TracerOf(s), metrics);
+  s.eventLog = MakeHostObject<EventLog>(TracerOf(s), metrics, StderrIsJournal());
   if (const std::string error = s.eventLog->Open(options.eventsFile); !error.empty())
     throw std::runtime_error("cannot open the events file: " + error);
   s.metricsHub = MakeHostObject<MetricsHub>();
-  s.metricsWriter = std::make_unique<MetricsWriter>(
-      TracerOf(s), s.metricsHub, metrics, options.metricsFile, options.metricsIntervalS);
+  s.systemd = std::make_unique<SystemdNotifier>(TracerOf(s), metrics);
+  s.metricsPage = std::make_shared<MetricsPage>(s.metricsHub, metrics);
+  s.metricsWriter = std::make_unique<MetricsWriter>(TracerOf(s), s.metricsPage,
+                                                    options.metricsFile, options.metricsIntervalS);
+  if (const std::string error = s.metricsEndpoint.Start(options.metricsListen, s.metricsPage);
+      !error.empty())
+    throw std::runtime_error("metrics_listen: " + error);
   // A first page now, so a metrics file oasd may not write stops the start.
   if (options.metricsFile.empty()) return;
   if (const std::string error = s.metricsWriter->WriteOnce(); !error.empty())
@@ -372,7 +403,7 @@ void SetUpFiles(Services& s) {
   s.fileFactories = MakeHostObject<FileFactories>(TracerOf(s));
 }
 
-void SetUpSystemServices(Services& s, const HostOptions& options) {
+void SetUpSystemServices(Services& s, const HostOptions& options, HostMetrics& metrics) {
   s.mounts = MakeHostObject<MountWatcher>(TracerOf(s));
   Require(s.mounts->SetUp(), "cannot read the mount table");
   s.processes = MakeHostObject<ProcessManager>(TracerOf(s));
@@ -385,7 +416,7 @@ void SetUpSystemServices(Services& s, const HostOptions& options) {
   // was found clean, and such a file must be scanned again (a text file can carry a test
   // virus just as well), so it never lets one skip.
   s.skipChecker = MakeHostObject<ObjectSkipChecker>();
-  s.threadPools = MakeHostObject<ThreadPoolFactory>(TracerOf(s));
+  s.threadPools = MakeHostObject<ThreadPoolFactory>(TracerOf(s), &metrics.progress.workers);
   s.timers = MakeHostObject<TimerService>(TracerOf(s));
   Require(s.timers->SetUp(), "cannot set up the timer service");
 }
@@ -498,7 +529,7 @@ void Daemon::StartProtection() {
   SetUpReporting(s, m_options, m_metrics);
   s.taskManager = MakeHostObject<TaskManager>(m_options.settings, [this] { PostRefresh(); });
   SetUpFiles(s);
-  SetUpSystemServices(s, m_options);
+  SetUpSystemServices(s, m_options, m_metrics);
   SetUpInterception(s, m_options, m_metrics);
   if (m_options.engine == EngineKind::ClamAV) WatchSignatures();
   SetUpEngine(s, m_options, m_metrics);
@@ -509,6 +540,7 @@ void Daemon::StartProtection() {
   Require(m_interceptor->SetSettings(s.taskManager->CurrentSettings()),
           "the interceptor refused the settings");
   StartSystemServices(s);
+  m_metrics.watchedPaths.store(ScanAreasInUse(m_options.settings));
   m_filtersUp = true;
   Require(m_interceptor->SetupFilters(FilterFlags, s.engine), "cannot start interception");
   // The settings given before the start build the caches and the subscription; a running
@@ -545,6 +577,11 @@ void Daemon::CreateInterceptor() {
 void Daemon::Stop() noexcept {
   if (!m_services) return;
   Services& s = *m_services;
+  m_metrics.protecting.store(0);
+  if (s.systemd) {
+    s.systemd->Stopping();
+    s.systemd->TearDown();
+  }
   // The module lets its worker pool go when its filters are removed, and that waits for
   // every queued event: unscanned, they take no time, and protection is ending anyway.
   if (s.clamav) s.clamav->StopScanning();
@@ -557,6 +594,7 @@ void Daemon::Stop() noexcept {
   m_filtersUp = false;
   TearDownInterception(s);
   m_interceptor.Reset();
+  s.metricsEndpoint.TearDown();
   if (s.metricsWriter) s.metricsWriter->TearDown();
   TearDownSystemServices(s);
   if (s.signatureWatcher) s.signatureWatcher->TearDown();

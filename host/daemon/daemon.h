@@ -31,6 +31,9 @@ class Daemon {
   // How long a stop waits for the module's last object before leaving it mapped.
   static constexpr int UnloadWaitMs = 10000;
   static constexpr int KernelCacheCheckMs = 30000;
+  // How much longer than the scan time limit a worker may hold one task before the systemd
+  // watchdog is left to expire: libclamav checks its limit between steps, not continuously.
+  static constexpr int64_t WorkerStallMarginMs = 5000;
 
   // Blocks the signals the main loop reads, for this thread and every thread it starts
   // later; call before any thread exists.
@@ -55,6 +58,7 @@ class Daemon {
   void OnSignal(int signal);
   void OnWake();
   void Reload();
+  void ReloadOptions();
   void ReopenOutputs(const HostOptions& fresh, std::vector<std::string>& applied);
   void PushSettings();
   void Stop() noexcept;

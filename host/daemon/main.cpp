@@ -1,14 +1,17 @@
-// oasd's entry point: reads the command line, then hands everything to the Daemon. It
-// owns only the mapping of outcomes to exit status: 2 for a bad configuration, 1 for a
-// start that failed, 0 for a clean stop or a configuration check that passed.
+// oasd's entry point: reads the command line, then hands everything to the Daemon (or to
+// `oasd status`, which answers with its own statuses). It owns only the mapping of outcomes
+// to exit status: 2 for a bad configuration, 1 for a start that failed, 0 for a clean stop
+// or a configuration check that passed.
 #include <cstdio>
 #include <exception>
 #include <iostream>
+#include <string>
 
 #include "host/daemon/config.h"
 #include "host/daemon/daemon.h"
 #include "host/daemon/preflight.h"
 #include "host/system/quarantine.h"
+#include "host/daemon/status_command.h"
 
 namespace {
 
@@ -40,6 +43,7 @@ int RunQuarantine(const oasd::CommandLine& commandLine) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc >= 2 && std::string(argv[1]) == "status") return oasd::RunStatusCommand(argc - 2, argv + 2);
   // Before anything can start a thread: every thread inherits the blocked set, so the
   // signals reach only the main loop's descriptor.
   oasd::Daemon::BlockSignals();

@@ -259,6 +259,8 @@ qeb::result_t ClamavEngine::ReloadSignatures() {
   }
   m_checked.Clear();
   m_signatureCount = signatures;
+  m_metrics.signatures.store(signatures, std::memory_order_relaxed);
+  m_metrics.signaturesLoadedAt.store(::time(nullptr), std::memory_order_relaxed);
   m_fileSizeLimit = m_nextLimits.fileSize;
   QEB_TRACE(m_tracer, LevelNotice) << "engine: loaded " << signatures << " signatures from "
                                    << m_signatureDir << (withDatabase ? " and " + m_databaseDir : "");
@@ -335,6 +337,7 @@ ScanOutcome ClamavEngine::ScanDescriptor(int fd) {
     cached.fromCache = true;
     return cached;
   }
+  if (key && m_useChecker) m_metrics.checkedCacheMisses.fetch_add(1, std::memory_order_relaxed);
   // A key that changed within the clock's tick could stand for two contents: such a file
   // is scanned on its own.
   if (!key || !ChangeSettled(*key, keyReadAt)) return ScanAndRemember(fd, key, keyReadAt);

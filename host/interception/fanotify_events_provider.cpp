@@ -121,6 +121,13 @@ uint64_t PermissionGroupMask(uint32_t flags) noexcept {
   return mask;
 }
 
+HostMetrics::EventKind KindOf(uint64_t mask) noexcept {
+  if (mask & FAN_OPEN_EXEC_PERM) return HostMetrics::Exec;
+  if (mask & FAN_OPEN_PERM) return HostMetrics::Open;
+  if (mask & FAN_CLOSE_WRITE) return HostMetrics::CloseWrite;
+  return HostMetrics::Modify;
+}
+
 uint32_t OperationOf(uint64_t mask) noexcept {
   if (mask & FAN_OPEN_EXEC_PERM) return vrel::VREL_ACTION_EXEC;
   if (mask & FAN_OPEN_PERM) return vrel::VREL_ACTION_OPEN;
@@ -419,6 +426,7 @@ qeb::result_t FanotifyEventsProvider::PlaceMarks(const nox::FileEventsSubscripti
   PlacePermissionMarks(wanted, mask, mounts, placed);
   // A server's filesystem gets no rename mark: placing one opens and stats it.
   PlaceRenameMarks(renames ? local : std::vector<Mark>{}, mounts);
+  m_metrics.markedFilesystems.store(static_cast<int64_t>(placed), std::memory_order_relaxed);
   QEB_TRACE(m_tracer, LevelNotice) << "fanotify: " << placed << " of " << wanted.size()
                                    << " filesystems marked for " << subscription.scanAreas.size()
                                    << " scan areas" << (renames ? ", renames followed" : "");
@@ -550,10 +558,15 @@ void FanotifyEventsProvider::ReadLane(Lane& lane) noexcept {
   alignas(fanotify_event_metadata) char buffer[BatchBytes];
   std::array<uint64_t, MaxBatchEvents> cookies{};
   uint64_t generation = m_mountGeneration.load();
+  // A server lane may wait on its server for good; restarting oasd would not help that.
+  StageProgress* progress = lane.server ? nullptr : &m_metrics.progress.reader;
   while (WaitReadable(lane.group)) {
+    // From before the read: the kernel opens each event's file inside it.
+    if (progress) progress->Started();
     const ssize_t length = ::read(lane.group, buffer, sizeof buffer);
     if (length <= 0) {
       if (length < 0) ReportReadError(errno);
+      if (progress) progress->Finished();
       continue;
     }
     if (const uint64_t now = m_mountGeneration.load(std::memory_order_relaxed); now != generation) {
@@ -570,6 +583,7 @@ void FanotifyEventsProvider::ReadLane(Lane& lane) noexcept {
     ForEachEvent(buffer, length, [&](const fanotify_event_metadata& event) {
       HandlePermissionGroupEvent(event, context, records, lane.server ? cookies[index++] : 0);
     });
+    if (progress) progress->Finished();
   }
 }
 
@@ -612,6 +626,7 @@ void FanotifyEventsProvider::HandlePermissionGroupEvent(const fanotify_event_met
     }
     return;
   }
+  m_metrics.eventsByKind[KindOf(event.mask)].fetch_add(1, std::memory_order_relaxed);
   const bool permission = (event.mask & (FAN_OPEN_PERM | FAN_OPEN_EXEC_PERM)) != 0;
   if (event.pid == m_ownPid) {
     m_metrics.ownEvents.fetch_add(1, std::memory_order_relaxed);
@@ -648,6 +663,7 @@ void FanotifyEventsProvider::HandleRenameEvent(const fanotify_event_metadata& ev
                                                EventRecordBuilder& records) noexcept {
   m_metrics.events.fetch_add(1, std::memory_order_relaxed);
   if (!(event.mask & FAN_RENAME) || !context.receiver.receiver) return;
+  m_metrics.eventsByKind[HostMetrics::Rename].fetch_add(1, std::memory_order_relaxed);
   if (event.pid == m_ownPid) {
     m_metrics.ownEvents.fetch_add(1, std::memory_order_relaxed);
     return;

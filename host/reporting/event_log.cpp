@@ -2,10 +2,12 @@
 // concurrent writers never interleave inside a line, and a line is written whole or not at all. A failed write (a full
 // disk, a vanished file system) costs the record, never the caller's operation.
 #include "host/reporting/event_log.h"
+#include "host/reporting/journal_sink.h"
 
 #include <unistd.h>
 
 #include <cerrno>
+#include <ctime>
 #include <cstring>
 #include <nlohmann/json.hpp>
 
@@ -109,8 +111,8 @@ std::string UnprocessedLine(const UnprocessedRecord& record,
   return ToLine(line);
 }
 
-EventLog::EventLog(qeb::objptr_t<qeb::ITracer> tracer, HostMetrics& metrics)
-    : m_tracer(std::move(tracer)), m_metrics(metrics) {}
+EventLog::EventLog(qeb::objptr_t<qeb::ITracer> tracer, HostMetrics& metrics, bool journal)
+    : m_tracer(std::move(tracer)), m_metrics(metrics), m_journal(journal) {}
 
 EventLog::~EventLog() { TearDown(); }
 
@@ -133,6 +135,7 @@ void EventLog::TearDown() noexcept {
 
 qeb::result_t EventLog::Publish(nox::ProcessingErrorEvent&& event) noexcept {
   m_metrics.processingErrors.fetch_add(1, std::memory_order_relaxed);
+  if (m_journal) JournalProcessingError(event);
   try {
     Append(ProcessingErrorLine(event, std::chrono::system_clock::now()));
     return qeb::res::Ok;
@@ -143,7 +146,9 @@ qeb::result_t EventLog::Publish(nox::ProcessingErrorEvent&& event) noexcept {
 
 void EventLog::Detection(const DetectionRecord& record) noexcept {
   m_metrics.detections.fetch_add(1, std::memory_order_relaxed);
+  m_metrics.lastDetectionAt.store(::time(nullptr), std::memory_order_relaxed);
   if (record.late) m_metrics.lateDetections.fetch_add(1, std::memory_order_relaxed);
+  if (m_journal) JournalDetection(record);
   try {
     Append(DetectionLine(record, std::chrono::system_clock::now()));
   } catch (...) {
@@ -152,6 +157,7 @@ void EventLog::Detection(const DetectionRecord& record) noexcept {
 }
 
 void EventLog::Unprocessed(const UnprocessedRecord& record) noexcept {
+  if (m_journal) JournalUnprocessed(record);
   try {
     Append(UnprocessedLine(record, std::chrono::system_clock::now()));
   } catch (...) {

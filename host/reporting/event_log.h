@@ -67,7 +67,8 @@ std::string ObjectLine(const ObjectRecord& record, std::chrono::system_clock::ti
 
 class EventLog : public qeb::object::Ifaces<nox::IEventPublisher> {
  public:
-  EventLog(qeb::objptr_t<qeb::ITracer> tracer, HostMetrics& metrics);
+  // journal: each record also goes to the journal with its fields (journal_sink.h).
+  EventLog(qeb::objptr_t<qeb::ITracer> tracer, HostMetrics& metrics, bool journal = false);
   ~EventLog();
 
   // Appends to path from now on; an empty path means no file. Called again with the same
@@ -90,6 +91,7 @@ class EventLog : public qeb::object::Ifaces<nox::IEventPublisher> {
 
   qeb::objptr_t<qeb::ITracer> m_tracer;
   HostMetrics& m_metrics;
+  const bool m_journal;
   std::mutex m_mutex;
   std::string m_path;  // under m_mutex, with the file
   UniqueFd m_file;

@@ -1,21 +1,23 @@
-// oasd's metrics: the registry and factory the module publishes through, and the writer
-// that prints them with the host's own counters as Prometheus text. The hub owns the
-// metric objects by name (the module gets references) and the collectors from Register
-// until Unregister; the writer owns its thread and only reads the hub and HostMetrics.
+// oasd's metrics: the registry and factory the module publishes through, and the writer of
+// the metrics file. The hub owns the metric objects by name (the module gets references) and
+// the collectors from Register until Unregister; the writer owns its thread and shares the
+// page (metrics_page.h) with the HTTP endpoint, reading it only.
 #pragma once
 
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include <prometheus/collectable.h>
+
 #include "framework/qeb/host_object.h"
 #include "framework/qeb/objptr.h"
-#include "host/common/host_metrics.h"
 #include "interfaces/nox/metrics.h"
 #include "interfaces/qeb/tracer.h"
 
@@ -69,7 +71,8 @@ class MetricsHub : public qeb::object::Ifaces<qeb::telemetry::IMetricsRegistry,
   qeb::result_t CreateGauge(const char* name, const char* description,
                             monitoring::IGauge** gauge) noexcept override;
 
-  // Runs every registered collector (outside the lock) and reads every metric after.
+  // Runs every registered collector (outside the lock) and reads every metric after. One
+  // gathering at a time (the endpoint and the file writer ask from their own threads).
   std::vector<MetricSample> Gather();
 
  private:
@@ -83,6 +86,7 @@ class MetricsHub : public qeb::object::Ifaces<qeb::telemetry::IMetricsRegistry,
   void RunCollectors();
   std::vector<MetricSample> ReadMetrics();
 
+  std::mutex m_gatherMutex;  // held across collectors: documented above, never taken inside
   std::mutex m_mutex;
   std::condition_variable m_collectDone;
   std::map<uint64_t, qeb::objptr_t<qeb::telemetry::IMetricsCollector>> m_collectors;
@@ -92,13 +96,11 @@ class MetricsHub : public qeb::object::Ifaces<qeb::telemetry::IMetricsRegistry,
   std::map<std::string, Metric> m_metrics;
 };
 
-// The whole Prometheus page: the module's samples, then the host's counters.
-std::string RenderMetrics(const std::vector<MetricSample>& samples, const HostMetrics& host);
-
 class MetricsWriter {
  public:
-  MetricsWriter(qeb::objptr_t<qeb::ITracer> tracer, qeb::objptr_t<MetricsHub> hub,
-                const HostMetrics& host, std::string path, uint32_t intervalS);
+  MetricsWriter(qeb::objptr_t<qeb::ITracer> tracer,
+                std::shared_ptr<const prometheus::Collectable> page, std::string path,
+                uint32_t intervalS);
   ~MetricsWriter();
 
   // Starts the periodic thread; nothing happens without a metrics file.
@@ -114,8 +116,7 @@ class MetricsWriter {
   void Loop();
 
   qeb::objptr_t<qeb::ITracer> m_tracer;
-  qeb::objptr_t<MetricsHub> m_hub;
-  const HostMetrics& m_host;
+  std::shared_ptr<const prometheus::Collectable> m_page;
   const std::string m_path;
   const uint32_t m_intervalS;
   std::mutex m_mutex;

@@ -18,16 +18,18 @@
 namespace oasd {
 
 struct PoolState {
-  PoolState(const qeb::ThreadPoolParams& p, std::string n)
+  PoolState(const qeb::ThreadPoolParams& p, std::string n, StageProgress* pr)
       : minThreads(p.minThreads),
         maxThreads(std::max<uint32_t>({p.maxThreads, p.minThreads, 1})),
         idleTimeout(p.idleTimeout),
-        name(std::move(n)) {}
+        name(std::move(n)),
+        progress(pr) {}
 
   const uint32_t minThreads;
   const uint32_t maxThreads;
   const std::chrono::milliseconds idleTimeout;
   const std::string name;
+  StageProgress* const progress;  // may be null
 
   std::mutex mutex;
   std::condition_variable wake;
@@ -68,8 +70,10 @@ void RunTask(PoolState& s, std::unique_lock<std::mutex>& lock) {
   qeb::objptr_t<qeb::IRunnable> task = std::move(s.queue.front());
   s.queue.pop_front();
   lock.unlock();
+  if (s.progress) s.progress->Started();
   task->Run();
   task.Reset();
+  if (s.progress) s.progress->Finished();
   lock.lock();
 }
 
@@ -122,8 +126,9 @@ void StopPool(const std::shared_ptr<PoolState>& state) noexcept {
 }
 
 ThreadPool::ThreadPool(qeb::objptr_t<qeb::ITracer> tracer, const qeb::ThreadPoolParams& params,
-                       std::string name)
-    : m_tracer(std::move(tracer)), m_state(std::make_shared<PoolState>(params, std::move(name))) {
+                       std::string name, StageProgress* progress)
+    : m_tracer(std::move(tracer)),
+      m_state(std::make_shared<PoolState>(params, std::move(name), progress)) {
   try {
     std::lock_guard lock(m_state->mutex);
     while (m_state->live.size() < m_state->minThreads) StartWorker(m_state);
@@ -177,7 +182,8 @@ size_t ThreadPool::ThreadCount() const {
   return m_state->live.size();
 }
 
-ThreadPoolFactory::ThreadPoolFactory(qeb::objptr_t<qeb::ITracer> tracer) : m_tracer(std::move(tracer)) {}
+ThreadPoolFactory::ThreadPoolFactory(qeb::objptr_t<qeb::ITracer> tracer, StageProgress* progress)
+    : m_tracer(std::move(tracer)), m_progress(progress) {}
 
 qeb::result_t ThreadPoolFactory::CreateThreadPool(const qeb::ThreadPoolParams& params,
                                                   qeb::IThreadPool2** pool) noexcept {
@@ -187,7 +193,8 @@ qeb::result_t ThreadPoolFactory::CreateThreadPool(const qeb::ThreadPoolParams& p
     std::lock_guard lock(m_mutex);
     if (m_stopped) return ThreadPool::Stopping;
     auto created = qeb::host::MakeHostObject<ThreadPool>(m_tracer, params,
-                                                         "oasd-pool" + std::to_string(++m_created));
+                                                         "oasd-pool" + std::to_string(++m_created),
+                                                         m_progress);
     std::erase_if(m_pools, [](const std::weak_ptr<PoolState>& p) { return p.expired(); });
     m_pools.push_back(created->State());
     QEB_TRACE(m_tracer, LevelNotice) << "Thread pool created: " << params.minThreads << " to "

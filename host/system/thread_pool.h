@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "framework/qeb/host_object.h"
+#include "host/common/work_progress.h"
 #include "framework/qeb/objptr.h"
 #include "interfaces/qeb/thread_pool.h"
 #include "interfaces/qeb/tracer.h"
@@ -29,9 +30,10 @@ class ThreadPool : public qeb::object::Ifaces<qeb::IThreadPool2> {
   static constexpr qeb::result_t Stopping = qeb::res::NotReady;
 
   // name: the workers' thread name (at most 15 characters are kept). An idle timeout of 0
-  // keeps every started thread until the pool stops.
+  // keeps every started thread until the pool stops. progress (may be null, outlives the
+  // pool) hears of each task's start and end.
   ThreadPool(qeb::objptr_t<qeb::ITracer> tracer, const qeb::ThreadPoolParams& params,
-             std::string name);
+             std::string name, StageProgress* progress = nullptr);
   ~ThreadPool();
 
   // Refuses with Stopping once the pool stops and with QueueFull past MaxQueuedTasks.
@@ -53,7 +55,8 @@ class ThreadPool : public qeb::object::Ifaces<qeb::IThreadPool2> {
 
 class ThreadPoolFactory : public qeb::object::Ifaces<qeb::IThreadPoolFactory> {
  public:
-  explicit ThreadPoolFactory(qeb::objptr_t<qeb::ITracer> tracer);
+  explicit ThreadPoolFactory(qeb::objptr_t<qeb::ITracer> tracer,
+                             StageProgress* progress = nullptr);
 
   qeb::result_t CreateThreadPool(const qeb::ThreadPoolParams& params,
                                  qeb::IThreadPool2** pool) noexcept override;
@@ -62,6 +65,7 @@ class ThreadPoolFactory : public qeb::object::Ifaces<qeb::IThreadPoolFactory> {
 
  private:
   const qeb::objptr_t<qeb::ITracer> m_tracer;
+  StageProgress* const m_progress;
   std::mutex m_mutex;
   std::vector<std::weak_ptr<PoolState>> m_pools;
   uint32_t m_created = 0;

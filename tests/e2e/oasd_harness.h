@@ -274,6 +274,7 @@ class Sandbox {
                              {"metrics_interval_s", 3600},
                              // The machine's ClamAV databases would rename and slow every detection.
                              {"clamav_database_dir", ""},
+                             {"metrics_listen", ""},
                              {"log_level", "notice"}};
     config.update(nlohmann::json::parse("{" + extra + "}"));
     return config.dump();

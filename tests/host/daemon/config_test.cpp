@@ -54,6 +54,7 @@ TEST(HostConfig, EveryBadInputNamesItsKey) {
       {ok + R"(, "settings": {"ScanSettings": {"ScanSettingsBase": {"time_limit": "1"}}})",
        R"(config key "settings.ScanSettings.ScanSettingsBase.time_limit": expected an unsigned integer)"},
       {ok + R"(, "engine_delay_ms": -1)", R"("engine_delay_ms": expected an unsigned integer)"},
+      {ok + R"(, "metrics_listen": "127.0.0.1")", R"("metrics_listen": expected ADDRESS:PORT)"},
       {ok + R"(, "verdict_timeout_ms": 4294967296)", R"("verdict_timeout_ms": expected an unsigned integer up to 4294967295)"},
       {ok + R"(, "skipPlainTextFiles": true)", R"("skipPlainTextFiles": unknown key)"},
       {ok + R"(, "settings": {"skipPlainTextFiles": 1})", R"("settings.skipPlainTextFiles": expected a boolean)"},
