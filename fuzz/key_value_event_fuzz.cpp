@@ -8,20 +8,14 @@
 #include <cstdlib>
 #include <string>
 
+#include "fuzz/fuzz_tracer.h"
 #include "nox_tracing/key_value_event.h"
-#include "testing/capturing_tracer.h"
-#include "testing/host_object.h"
 
 namespace {
 
 namespace trace = qeb::trace;
 
 constexpr size_t kMaxFields = 16;
-
-qeb::testing::CapturingTracer& Tracer() {
-  static const auto tracer = qeb::testing::MakeHostObject<qeb::testing::CapturingTracer>();
-  return *tracer;
-}
 
 std::u16string ConsumeWide(FuzzedDataProvider& in) {
   std::u16string wide(in.ConsumeIntegralInRange<size_t>(0, 64), u'\0');
@@ -70,7 +64,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   CheckQuoted(event, trace::FormatKeyValueEvent(event, trace::KeyValueStyle::Quoted));
   (void)trace::FormatKeyValueEvent(event, trace::KeyValueStyle::Lines);
   (void)trace::FormatKeyValueEvent(event, trace::KeyValueStyle::Blanks);
-  QEB_TRACE(&Tracer(), trace::LevelError) << trace::AsKeyValues(event, style);
-  Tracer().Clear();
+  QEB_TRACE(&oas_fuzz::Tracer(), trace::LevelError) << trace::AsKeyValues(event, style);
+  oas_fuzz::Tracer().Clear();
   return 0;
 }

@@ -9,20 +9,14 @@
 #include <string>
 #include <vector>
 
+#include "fuzz/fuzz_tracer.h"
 #include "settings/oas_settings_printer.h"
-#include "testing/capturing_tracer.h"
-#include "testing/host_object.h"
 
 namespace {
 
 namespace settings = nox::settings;
 
 constexpr size_t kMaxItems = 4;
-
-qeb::testing::CapturingTracer& Tracer() {
-  static const auto tracer = qeb::testing::MakeHostObject<qeb::testing::CapturingTracer>();
-  return *tracer;
-}
 
 class Decoder {
  public:
@@ -127,11 +121,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const settings::OASSettings s = Decoder(in).Settings();
   const std::string whole = settings::ToString(s);
   CheckNested(s, whole);
-  QEB_TRACE(&Tracer(), qeb::trace::LevelError) << s;
+  QEB_TRACE(&oas_fuzz::Tracer(), qeb::trace::LevelError) << s;
   for (const auto& exclusion : s.ScanScopeWithTrustedPrograms.excluded_from_scan_scope)
-    QEB_TRACE(&Tracer(), qeb::trace::LevelError) << exclusion;
-  const std::vector<qeb::testing::TraceLine> lines = Tracer().Lines();
+    QEB_TRACE(&oas_fuzz::Tracer(), qeb::trace::LevelError) << exclusion;
+  const std::vector<qeb::testing::TraceLine> lines = oas_fuzz::Tracer().Lines();
   if (lines.empty() || lines.front().text != whole) std::abort();
-  Tracer().Clear();
+  oas_fuzz::Tracer().Clear();
   return 0;
 }
