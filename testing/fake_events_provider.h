@@ -2,6 +2,7 @@
 // records and delivers events to it, from whichever thread the test calls it on.
 #pragma once
 
+#include <atomic>
 #include <mutex>
 #include <vector>
 
@@ -22,17 +23,17 @@ class FakeEventsProvider : public object::Ifaces<nox::IEventsProvider> {
   // Delivers to the receiver; answers what it answered (res::NotFound with none).
   result_t Deliver(const vrel::EventParams& params);
 
-  void RefuseResubscribe(result_t code);
+  void RefuseResubscribe(result_t code) { m_resubscribeRefusal = code; }
   std::vector<nox::FileEventsSubscription> Subscriptions() const;  // every (re)subscription, in order
-  size_t ResubscribeCalls() const;
+  size_t ResubscribeCalls() const { return m_resubscribeCalls; }
   SubscriberList<nox::IFileEventsReceiver>& Receivers() { return m_receivers; }
 
  private:
   SubscriberList<nox::IFileEventsReceiver> m_receivers;
   mutable std::mutex m_mutex;
   std::vector<nox::FileEventsSubscription> m_subscriptions;
-  result_t m_resubscribeRefusal = res::Ok;
-  size_t m_resubscribeCalls = 0;
+  std::atomic<result_t> m_resubscribeRefusal{res::Ok};
+  std::atomic<size_t> m_resubscribeCalls{0};
 };
 
 }  // namespace qeb::testing

@@ -2,6 +2,7 @@
 // code. It owns only its copy of the list; callers get their own copy on every call.
 #pragma once
 
+#include <atomic>
 #include <mutex>
 
 #include "framework/qeb/object_wrapper.h"
@@ -15,14 +16,14 @@ class FakeMountProvider : public object::Ifaces<nox::IMountProvider> {
 
   void SetMounts(nox::MountList mounts);
   // GetMountList answers code from now on (Ok to answer the list again).
-  void Fail(result_t code);
-  size_t Calls() const;
+  void Fail(result_t code) { m_failure = code; }
+  size_t Calls() const { return m_calls; }
 
  private:
   mutable std::mutex m_mutex;
   nox::MountList m_mounts;
-  result_t m_failure = res::Ok;
-  size_t m_calls = 0;
+  std::atomic<result_t> m_failure{res::Ok};
+  std::atomic<size_t> m_calls{0};
 };
 
 }  // namespace qeb::testing

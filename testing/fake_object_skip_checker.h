@@ -3,6 +3,7 @@
 // the callback lends, so tests can see what the caller handed over; it keeps no callback.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <mutex>
 #include <string>
@@ -28,7 +29,7 @@ class FakeObjectSkipChecker : public object::Ifaces<avengine::object_skip::IObje
   void Answer(result_t code);
   // Each later check throws a std::runtime_error carrying message.
   void Throw(std::string message);
-  size_t Calls() const;
+  size_t Calls() const { return m_calls; }
   Seen LastSeen() const;
 
  private:
@@ -36,7 +37,7 @@ class FakeObjectSkipChecker : public object::Ifaces<avengine::object_skip::IObje
   result_t m_answer = res::Ok;
   bool m_throws = false;
   std::string m_message;
-  size_t m_calls = 0;
+  std::atomic<size_t> m_calls{0};
   Seen m_seen;
 };
 

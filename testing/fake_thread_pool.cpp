@@ -25,7 +25,8 @@ result_t FakeThreadPool::AddTask(IRunnable* task, uint32_t) noexcept {
   OAS_FAULT_POINT("thread pool AddTask");
   {
     std::lock_guard lock(m_mutex);
-    if (QEB_FAILED(m_refusal)) return m_refusal;
+    const result_t refusal = m_refusal;
+    if (QEB_FAILED(refusal)) return refusal;
     if (m_stopping) return res::NotReady;
     m_queue.emplace_back(task);
     StartThreadIfNeeded();
@@ -59,19 +60,9 @@ void FakeThreadPool::Work() {
   }
 }
 
-void FakeThreadPool::Refuse(result_t code) {
-  std::lock_guard lock(m_mutex);
-  m_refusal = code;
-}
-
 void FakeThreadPool::WaitIdle() {
   std::unique_lock lock(m_mutex);
   m_idle.wait(lock, [&] { return m_busy == 0 && m_queue.empty(); });
-}
-
-size_t FakeThreadPool::TasksRun() const {
-  std::lock_guard lock(m_mutex);
-  return m_tasksRun;
 }
 
 size_t FakeThreadPool::ThreadCount() const {
@@ -85,22 +76,13 @@ result_t FakeThreadPoolFactory::CreateThreadPool(const ThreadPoolParams& params,
   *pool = nullptr;
   OAS_FAULT_POINT("thread pool factory CreateThreadPool");
   std::lock_guard lock(m_mutex);
-  if (QEB_FAILED(m_failure)) return m_failure;
+  const result_t failure = m_failure;
+  if (QEB_FAILED(failure)) return failure;
   auto created = MakeHostObject<FakeThreadPool>(params);
   created->Refuse(m_refusal);
   m_lastPool = created;
   *pool = created.Detach();
   return res::Ok;
-}
-
-void FakeThreadPoolFactory::Fail(result_t code) {
-  std::lock_guard lock(m_mutex);
-  m_failure = code;
-}
-
-void FakeThreadPoolFactory::RefuseTasks(result_t code) {
-  std::lock_guard lock(m_mutex);
-  m_refusal = code;
 }
 
 objptr_t<FakeThreadPool> FakeThreadPoolFactory::LastPool() const {

@@ -3,6 +3,7 @@
 // given (with the key, when one came), can be told to fail, and let tests wait for a count.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -25,7 +26,7 @@ struct DeliveredVerdict {
 class VerdictLog {
  public:
   // SetVerdict answers code from now on, recording nothing (0 to accept again).
-  void Fail(result_t code);
+  void Fail(result_t code) { m_failure = code; }
   std::vector<DeliveredVerdict> Verdicts() const;
   // Record cookies of the verdicts refused, in order.
   std::vector<uint64_t> Refused() const;
@@ -46,7 +47,7 @@ class VerdictLog {
   mutable std::condition_variable m_delivered;
   std::vector<DeliveredVerdict> m_verdicts;
   std::vector<uint64_t> m_refused;
-  result_t m_failure = res::Ok;
+  std::atomic<result_t> m_failure{res::Ok};
   std::function<void(const vrel::EventParams&, uint32_t)> m_hook;
 };
 
