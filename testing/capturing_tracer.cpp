@@ -71,11 +71,6 @@ void CapturingTracer::OnLine(std::function<void(std::string_view)> hook) {
   m_hook = std::move(hook);
 }
 
-std::vector<TraceLine> CapturingTracer::Lines() const {
-  std::lock_guard lock(m_mutex);
-  return m_lines;
-}
-
 std::vector<std::string> CapturingTracer::Texts(uint32_t level) const {
   std::lock_guard lock(m_mutex);
   std::vector<std::string> out;

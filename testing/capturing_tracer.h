@@ -12,6 +12,7 @@
 
 #include "framework/qeb/object_wrapper.h"
 #include "interfaces/qeb/tracer.h"
+#include "testing/locked.h"
 
 namespace qeb::testing {
 
@@ -33,7 +34,7 @@ class CapturingTracer : public object::Ifaces<ITracer> {
   // CreateRecord answers this code (a failure switches tracing off altogether).
   void FailRecords(result_t code) { m_recordResult = code; }
 
-  std::vector<TraceLine> Lines() const;
+  std::vector<TraceLine> Lines() const { return LockedCopy(m_mutex, m_lines); }
   std::vector<std::string> Texts(uint32_t level) const;
   // Lines at any level containing the fragment.
   size_t Count(std::string_view fragment) const;

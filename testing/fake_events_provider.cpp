@@ -42,9 +42,4 @@ result_t FakeEventsProvider::Deliver(const vrel::EventParams& params) {
   return last;
 }
 
-std::vector<nox::FileEventsSubscription> FakeEventsProvider::Subscriptions() const {
-  std::lock_guard lock(m_mutex);
-  return m_subscriptions;
-}
-
 }  // namespace qeb::testing

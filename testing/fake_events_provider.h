@@ -8,6 +8,7 @@
 
 #include "framework/qeb/object_wrapper.h"
 #include "interfaces/nox/file_events.h"
+#include "testing/locked.h"
 #include "testing/subscriber_list.h"
 
 namespace qeb::testing {
@@ -24,7 +25,7 @@ class FakeEventsProvider : public object::Ifaces<nox::IEventsProvider> {
   result_t Deliver(const vrel::EventParams& params);
 
   void RefuseResubscribe(result_t code) { m_resubscribeRefusal = code; }
-  std::vector<nox::FileEventsSubscription> Subscriptions() const;  // every (re)subscription, in order
+  std::vector<nox::FileEventsSubscription> Subscriptions() const { return LockedCopy(m_mutex, m_subscriptions); }  // every (re)subscription, in order
   size_t ResubscribeCalls() const { return m_resubscribeCalls; }
   SubscriberList<nox::IFileEventsReceiver>& Receivers() { return m_receivers; }
 

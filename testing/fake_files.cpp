@@ -90,11 +90,6 @@ result_t FakeFileFactory::GetIO(int fd, IIO** io) noexcept {
   return res::Ok;
 }
 
-std::optional<CreateFileCall> FakeFileFactory::LastCreateFile() const {
-  std::lock_guard lock(m_mutex);
-  return m_lastCreate;
-}
-
 void FakeFileFactory::RegisterWith(FakeServiceLocator& locator) {
   locator.Register(nox::IFileFactory::IID, vrel::CLSID_FileFactories,
                    static_cast<nox::IFileFactory*>(this));

@@ -16,6 +16,7 @@
 #include "framework/qeb/object_wrapper.h"
 #include "interfaces/nox/files.h"
 #include "testing/fake_service_locator.h"
+#include "testing/locked.h"
 
 namespace qeb::testing {
 
@@ -53,7 +54,7 @@ class FakeFileFactory : public object::Ifaces<nox::IFileFactory, nox::IFdFileFac
 
   size_t OpenedByName() const { return m_openedByName; }  // successful opens
   size_t OpenedByFd() const { return m_openedByFd; }
-  std::optional<CreateFileCall> LastCreateFile() const;
+  std::optional<CreateFileCall> LastCreateFile() const { return LockedCopy(m_mutex, m_lastCreate); }
 
   // As IFileFactory under vrel::CLSID_FileFactories and as IFdFileFactory under key 0.
   void RegisterWith(FakeServiceLocator& locator);

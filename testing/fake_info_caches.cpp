@@ -37,11 +37,6 @@ result_t FakeUserInfoCache::GetFileOwner(uint64_t mountNamespace, const std::str
   }
 }
 
-std::vector<NotedUser> FakeUserInfoCache::Notes() const {
-  std::lock_guard lock(m_mutex);
-  return m_notes;
-}
-
 result_t FakeFileInfoCache::NoteDeepNestedFile(uint64_t mountNamespace, int32_t fd) noexcept {
   OAS_FAULT_POINT("file info cache NoteDeepNestedFile");
   try {
@@ -73,11 +68,6 @@ void FakeFileInfoCache::Set(uint64_t mountNamespace, const std::string& fileName
                             nox::FileInfo info) {
   std::lock_guard lock(m_mutex);
   m_files[{mountNamespace, fileName}] = std::move(info);
-}
-
-std::vector<std::pair<uint64_t, int32_t>> FakeFileInfoCache::DeepNestedNotes() const {
-  std::lock_guard lock(m_mutex);
-  return m_deepNested;
 }
 
 }  // namespace qeb::testing

@@ -13,6 +13,7 @@
 
 #include "framework/qeb/object_wrapper.h"
 #include "interfaces/nox/info_caches.h"
+#include "testing/locked.h"
 
 namespace qeb::testing {
 
@@ -30,7 +31,7 @@ class FakeUserInfoCache : public object::Ifaces<nox::IUserInfoCache> {
                         nox::UserInfo& info) noexcept override;
 
   void FailLookups(result_t code) { m_failure = code; }
-  std::vector<NotedUser> Notes() const;
+  std::vector<NotedUser> Notes() const { return LockedCopy(m_mutex, m_notes); }
 
  private:
   mutable std::mutex m_mutex;
@@ -47,7 +48,7 @@ class FakeFileInfoCache : public object::Ifaces<nox::IFileInfoCache> {
 
   void Set(uint64_t mountNamespace, const std::string& fileName, nox::FileInfo info);
   void FailLookups(result_t code) { m_failure = code; }
-  std::vector<std::pair<uint64_t, int32_t>> DeepNestedNotes() const;
+  std::vector<std::pair<uint64_t, int32_t>> DeepNestedNotes() const { return LockedCopy(m_mutex, m_deepNested); }
 
  private:
   mutable std::mutex m_mutex;

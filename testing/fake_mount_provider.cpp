@@ -22,9 +22,4 @@ result_t FakeMountProvider::GetMountList(nox::MountList& mounts) noexcept {
   }
 }
 
-void FakeMountProvider::SetMounts(nox::MountList mounts) {
-  std::lock_guard lock(m_mutex);
-  m_mounts = std::move(mounts);
-}
-
 }  // namespace qeb::testing

@@ -7,6 +7,7 @@
 
 #include "framework/qeb/object_wrapper.h"
 #include "interfaces/nox/mounts.h"
+#include "testing/locked.h"
 
 namespace qeb::testing {
 
@@ -14,7 +15,7 @@ class FakeMountProvider : public object::Ifaces<nox::IMountProvider> {
  public:
   result_t GetMountList(nox::MountList& mounts) noexcept override;
 
-  void SetMounts(nox::MountList mounts);
+  void SetMounts(nox::MountList mounts) { LockedSet(m_mutex, m_mounts, std::move(mounts)); }
   // GetMountList answers code from now on (Ok to answer the list again).
   void Fail(result_t code) { m_failure = code; }
   size_t Calls() const { return m_calls; }

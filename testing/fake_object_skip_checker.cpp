@@ -51,9 +51,4 @@ void FakeObjectSkipChecker::Throw(std::string message) {
   m_message = std::move(message);
 }
 
-FakeObjectSkipChecker::Seen FakeObjectSkipChecker::LastSeen() const {
-  std::lock_guard lock(m_mutex);
-  return m_seen;
-}
-
 }  // namespace qeb::testing

@@ -10,6 +10,7 @@
 
 #include "framework/qeb/object_wrapper.h"
 #include "interfaces/nox/object_skip.h"
+#include "testing/locked.h"
 
 namespace qeb::testing {
 
@@ -30,7 +31,7 @@ class FakeObjectSkipChecker : public object::Ifaces<avengine::object_skip::IObje
   // Each later check throws a std::runtime_error carrying message.
   void Throw(std::string message);
   size_t Calls() const { return m_calls; }
-  Seen LastSeen() const;
+  Seen LastSeen() const { return LockedCopy(m_mutex, m_seen); }
 
  private:
   mutable std::mutex m_mutex;

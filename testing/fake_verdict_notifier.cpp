@@ -31,16 +31,6 @@ void VerdictLog::OnDelivery(std::function<void(const vrel::EventParams&, uint32_
   m_hook = std::move(hook);
 }
 
-std::vector<DeliveredVerdict> VerdictLog::Verdicts() const {
-  std::lock_guard lock(m_mutex);
-  return m_verdicts;
-}
-
-std::vector<uint64_t> VerdictLog::Refused() const {
-  std::lock_guard lock(m_mutex);
-  return m_refused;
-}
-
 std::map<uint64_t, size_t> VerdictLog::CountsByCookie() const {
   std::lock_guard lock(m_mutex);
   std::map<uint64_t, size_t> counts;

@@ -14,6 +14,7 @@
 
 #include "framework/qeb/object_wrapper.h"
 #include "interfaces/vrel/verdict_notifier.h"
+#include "testing/locked.h"
 
 namespace qeb::testing {
 
@@ -27,9 +28,9 @@ class VerdictLog {
  public:
   // SetVerdict answers code from now on, recording nothing (0 to accept again).
   void Fail(result_t code) { m_failure = code; }
-  std::vector<DeliveredVerdict> Verdicts() const;
+  std::vector<DeliveredVerdict> Verdicts() const { return LockedCopy(m_mutex, m_verdicts); }
   // Record cookies of the verdicts refused, in order.
-  std::vector<uint64_t> Refused() const;
+  std::vector<uint64_t> Refused() const { return LockedCopy(m_mutex, m_refused); }
   // Verdicts delivered per record cookie.
   std::map<uint64_t, size_t> CountsByCookie() const;
   // Blocks until at least count verdicts were delivered.
