@@ -62,20 +62,8 @@ constexpr std::string_view kFullText =
     R"("use_scan_area":0}], "excluded_from_scan_scope":[{"use_scan_area":1, "path":/proc, )"
     R"("area_mask":[*]}, {"use_scan_area":0, "path":/srv, "area_mask":[a, b]}]}})";
 
-constexpr std::string_view kDefaultText =
-    R"("scan_access_type":0, "skipPlainTextFiles":0, "ScanSettings":{"ScanSettingsBase":{)"
-    R"("scan_archived":0, "scan_sfx_archived":0, "scan_mail_bases":0, "scan_plain_mail":0, )"
-    R"("time_limit":0, "size_limit":0, "infected_action":0, "report_clean_objects":0, )"
-    R"("report_packed_objects":0, "report_unprocessed_objects":0, "use_ichecker":0, )"
-    R"("use_sandbox":0, "scan_filter":0}, "ExcludeMasks":{"use_exclude_masks":0, )"
-    R"("exclude_masks":[]}, "ExcludeThreats":{"use_exclude_threats":0, "exclude_threats":[]}, )"
-    R"("EmulatorSettings":{"use_emulator":0, "heuristic_level":0}}, )"
-    R"("ScanScopeWithTrustedPrograms":{"excluded_for_program":[], )"
-    R"("ScanScope":{"scan_scope":[], "excluded_from_scan_scope":[]}})";
-
 TEST(OASSettingsPrinter, FullRecordPrintsEveryMemberInOrder) {
   EXPECT_EQ(ToString(FullSettings()), kFullText);
-  EXPECT_EQ(ToString(OASSettings{}), kDefaultText);
 }
 
 TEST(OASSettingsPrinter, TraceLineCarriesTheSameTextAndNestedRecordsBraced) {
