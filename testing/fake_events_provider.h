@@ -25,7 +25,10 @@ class FakeEventsProvider : public object::Ifaces<nox::IEventsProvider> {
   result_t Deliver(const vrel::EventParams& params);
 
   void RefuseResubscribe(result_t code) { m_resubscribeRefusal = code; }
-  std::vector<nox::FileEventsSubscription> Subscriptions() const { return LockedCopy(m_mutex, m_subscriptions); }  // every (re)subscription, in order
+  // Every (re)subscription, in order.
+  std::vector<nox::FileEventsSubscription> Subscriptions() const {
+    return LockedCopy(m_mutex, m_subscriptions);
+  }
   size_t ResubscribeCalls() const { return m_resubscribeCalls; }
   SubscriberList<nox::IFileEventsReceiver>& Receivers() { return m_receivers; }
 

@@ -48,7 +48,9 @@ class FakeFileInfoCache : public object::Ifaces<nox::IFileInfoCache> {
 
   void Set(uint64_t mountNamespace, const std::string& fileName, nox::FileInfo info);
   void FailLookups(result_t code) { m_failure = code; }
-  std::vector<std::pair<uint64_t, int32_t>> DeepNestedNotes() const { return LockedCopy(m_mutex, m_deepNested); }
+  std::vector<std::pair<uint64_t, int32_t>> DeepNestedNotes() const {
+    return LockedCopy(m_mutex, m_deepNested);
+  }
 
  private:
   mutable std::mutex m_mutex;
