@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "fuzz/fuzz_records.h"
 #include "fuzz/fuzz_tracer.h"
 #include "settings/oas_settings_printer.h"
 
@@ -39,11 +40,7 @@ class Decoder {
  private:
   size_t Count() { return m_in.ConsumeIntegralInRange<size_t>(0, kMaxItems); }
   std::string Text() { return m_in.ConsumeRandomLengthString(); }
-  std::u16string Wide() {
-    std::u16string wide(m_in.ConsumeIntegralInRange<size_t>(0, 32), u'\0');
-    for (char16_t& c : wide) c = m_in.ConsumeIntegral<char16_t>();
-    return wide;
-  }
+  std::u16string Wide() { return oas_fuzz::ConsumeWide(m_in, 32); }
   std::vector<std::string> Texts() {
     std::vector<std::string> texts(Count());
     for (std::string& t : texts) t = Text();
