@@ -8,18 +8,12 @@
 #include <cstdlib>
 #include <string>
 
+#include "fuzz/fuzz_tracer.h"
 #include "nox_common/container_identification_tools.h"
-#include "testing/capturing_tracer.h"
-#include "testing/host_object.h"
 
 namespace {
 
 namespace containers = nox::containers;
-
-qeb::testing::CapturingTracer& Tracer() {
-  static const auto tracer = qeb::testing::MakeHostObject<qeb::testing::CapturingTracer>();
-  return *tracer;
-}
 
 std::string Narrow(const std::u16string& wide) {
   std::string text;
@@ -40,7 +34,7 @@ std::string ConsumePath(FuzzedDataProvider& in) {
 
 void CheckScanPath(const std::string& path) {
   containers::ContainerScanPath parsed;
-  if (!containers::ParseContainerScanPath(&Tracer(), path, parsed)) return;
+  if (!containers::ParseContainerScanPath(&oas_fuzz::Tracer(), path, parsed)) return;
   const size_t folder = path.find(containers::CONTAINER_SCAN_FOLDER);
   if (folder == std::string::npos || parsed.innerPath.empty()) std::abort();
   const std::string rebuilt = Narrow(parsed.sessionId) + "/" + Narrow(parsed.containerId) + "/" +
@@ -72,6 +66,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   CheckScanPath(path);
   CheckProcessRoot(path);
   CheckScanArea(in);
-  Tracer().Clear();
+  oas_fuzz::Tracer().Clear();
   return 0;
 }

@@ -9,17 +9,11 @@
 #include <string>
 
 #include "fuzz/fuzz_records.h"
+#include "fuzz/fuzz_tracer.h"
 #include "nox_tracing/tracing.h"
 #include "oas/event_params_text.h"
-#include "testing/capturing_tracer.h"
-#include "testing/host_object.h"
 
 namespace {
-
-qeb::testing::CapturingTracer& Tracer() {
-  static const auto tracer = qeb::testing::MakeHostObject<qeb::testing::CapturingTracer>();
-  return *tracer;
-}
 
 std::string FileNameText(const vrel::EventParams& p) {
   return p.fileName.data() ? std::string(p.fileName.view()) : std::string("(null)");
@@ -27,13 +21,13 @@ std::string FileNameText(const vrel::EventParams& p) {
 
 // The decimal trace line is "OnEvent" followed by exactly the standalone text.
 void CheckDecimalLine(const vrel::EventParams& p, const std::string& text) {
-  QEB_TRACE(&Tracer(), qeb::trace::LevelError) << "OnEvent" << p;
-  const auto lines = Tracer().Lines();
+  QEB_TRACE(&oas_fuzz::Tracer(), qeb::trace::LevelError) << "OnEvent" << p;
+  const auto lines = oas_fuzz::Tracer().Lines();
   if (lines.size() != 1 || lines[0].text != "OnEvent" + text) std::abort();
 }
 
 void WriteHexLine(const vrel::EventParams& p) {
-  QEB_TRACE(&Tracer(), qeb::trace::LevelDetail) << qeb::trace::hex << "OnEvent" << p;
+  QEB_TRACE(&oas_fuzz::Tracer(), qeb::trace::LevelDetail) << qeb::trace::hex << "OnEvent" << p;
 }
 
 }  // namespace
@@ -49,7 +43,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     WriteHexLine(p);
   else
     CheckDecimalLine(p, text);
-  Tracer().Clear();
+  oas_fuzz::Tracer().Clear();
 
   const vrel::EventParams copy = p;
   if (!(copy == p)) std::abort();

@@ -1,6 +1,7 @@
 // Records for the fuzz targets, decoded from the fuzzer's bytes: a file event record whose
 // every field (strings of any content and length, padding, out-of-range operations) comes
-// from the input. Stateless; each call returns a fresh record the caller owns.
+// from the input, and the wide texts of other records. Stateless; each call returns a
+// fresh value the caller owns.
 #pragma once
 
 #include <fuzzer/FuzzedDataProvider.h>
@@ -16,6 +17,13 @@ inline qeb::basic_string_t ConsumeBasicString(FuzzedDataProvider& in) {
   // The null string is a state of its own, printed and compared differently from "".
   if (in.ConsumeBool()) return {};
   return qeb::basic_string_t(in.ConsumeRandomLengthString());
+}
+
+// Any UTF-16 units, unpaired surrogates included, up to maxLength of them.
+inline std::u16string ConsumeWide(FuzzedDataProvider& in, size_t maxLength) {
+  std::u16string wide(in.ConsumeIntegralInRange<size_t>(0, maxLength), u'\0');
+  for (char16_t& c : wide) c = in.ConsumeIntegral<char16_t>();
+  return wide;
 }
 
 inline vrel::Timespec ConsumeTimespec(FuzzedDataProvider& in) {

@@ -8,9 +8,9 @@
 #include <cstdlib>
 #include <string>
 
+#include "fuzz/fuzz_records.h"
+#include "fuzz/fuzz_tracer.h"
 #include "nox_tracing/key_value_event.h"
-#include "testing/capturing_tracer.h"
-#include "testing/host_object.h"
 
 namespace {
 
@@ -18,21 +18,10 @@ namespace trace = qeb::trace;
 
 constexpr size_t kMaxFields = 16;
 
-qeb::testing::CapturingTracer& Tracer() {
-  static const auto tracer = qeb::testing::MakeHostObject<qeb::testing::CapturingTracer>();
-  return *tracer;
-}
-
-std::u16string ConsumeWide(FuzzedDataProvider& in) {
-  std::u16string wide(in.ConsumeIntegralInRange<size_t>(0, 64), u'\0');
-  for (char16_t& c : wide) c = in.ConsumeIntegral<char16_t>();
-  return wide;
-}
-
 trace::KeyValueFieldValue ConsumeValue(FuzzedDataProvider& in) {
   switch (in.ConsumeIntegralInRange(0, 5)) {
     case 0: return in.ConsumeRandomLengthString();
-    case 1: return ConsumeWide(in);
+    case 1: return oas_fuzz::ConsumeWide(in, 64);
     case 2: return in.ConsumeIntegral<int64_t>();
     case 3: return in.ConsumeIntegral<uint64_t>();
     case 4: return trace::DateField{in.ConsumeIntegral<int64_t>(), in.ConsumeRandomLengthString()};
@@ -70,7 +59,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   CheckQuoted(event, trace::FormatKeyValueEvent(event, trace::KeyValueStyle::Quoted));
   (void)trace::FormatKeyValueEvent(event, trace::KeyValueStyle::Lines);
   (void)trace::FormatKeyValueEvent(event, trace::KeyValueStyle::Blanks);
-  QEB_TRACE(&Tracer(), trace::LevelError) << trace::AsKeyValues(event, style);
-  Tracer().Clear();
+  QEB_TRACE(&oas_fuzz::Tracer(), trace::LevelError) << trace::AsKeyValues(event, style);
+  oas_fuzz::Tracer().Clear();
   return 0;
 }

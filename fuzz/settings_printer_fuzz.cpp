@@ -9,20 +9,15 @@
 #include <string>
 #include <vector>
 
+#include "fuzz/fuzz_records.h"
+#include "fuzz/fuzz_tracer.h"
 #include "settings/oas_settings_printer.h"
-#include "testing/capturing_tracer.h"
-#include "testing/host_object.h"
 
 namespace {
 
 namespace settings = nox::settings;
 
 constexpr size_t kMaxItems = 4;
-
-qeb::testing::CapturingTracer& Tracer() {
-  static const auto tracer = qeb::testing::MakeHostObject<qeb::testing::CapturingTracer>();
-  return *tracer;
-}
 
 class Decoder {
  public:
@@ -45,11 +40,7 @@ class Decoder {
  private:
   size_t Count() { return m_in.ConsumeIntegralInRange<size_t>(0, kMaxItems); }
   std::string Text() { return m_in.ConsumeRandomLengthString(); }
-  std::u16string Wide() {
-    std::u16string wide(m_in.ConsumeIntegralInRange<size_t>(0, 32), u'\0');
-    for (char16_t& c : wide) c = m_in.ConsumeIntegral<char16_t>();
-    return wide;
-  }
+  std::u16string Wide() { return oas_fuzz::ConsumeWide(m_in, 32); }
   std::vector<std::string> Texts() {
     std::vector<std::string> texts(Count());
     for (std::string& t : texts) t = Text();
@@ -127,11 +118,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const settings::OASSettings s = Decoder(in).Settings();
   const std::string whole = settings::ToString(s);
   CheckNested(s, whole);
-  QEB_TRACE(&Tracer(), qeb::trace::LevelError) << s;
+  QEB_TRACE(&oas_fuzz::Tracer(), qeb::trace::LevelError) << s;
   for (const auto& exclusion : s.ScanScopeWithTrustedPrograms.excluded_from_scan_scope)
-    QEB_TRACE(&Tracer(), qeb::trace::LevelError) << exclusion;
-  const std::vector<qeb::testing::TraceLine> lines = Tracer().Lines();
+    QEB_TRACE(&oas_fuzz::Tracer(), qeb::trace::LevelError) << exclusion;
+  const std::vector<qeb::testing::TraceLine> lines = oas_fuzz::Tracer().Lines();
   if (lines.empty() || lines.front().text != whole) std::abort();
-  Tracer().Clear();
+  oas_fuzz::Tracer().Clear();
   return 0;
 }

@@ -32,7 +32,8 @@ result_t CapturingTracer::CreateRecord(uint32_t level, ITraceRecord** record) no
   std::lock_guard lock(m_mutex);
   ++m_requests;
   *record = nullptr;
-  if (QEB_FAILED(m_recordResult)) return m_recordResult;
+  const result_t recordResult = m_recordResult;
+  if (QEB_FAILED(recordResult)) return recordResult;
   if (!IsOn(level)) return res::False;
   *record = MakeHostObject<Record>(level).Detach();
   return res::Ok;
@@ -70,16 +71,6 @@ void CapturingTracer::OnLine(std::function<void(std::string_view)> hook) {
   m_hook = std::move(hook);
 }
 
-void CapturingTracer::FailRecords(result_t code) {
-  std::lock_guard lock(m_mutex);
-  m_recordResult = code;
-}
-
-std::vector<TraceLine> CapturingTracer::Lines() const {
-  std::lock_guard lock(m_mutex);
-  return m_lines;
-}
-
 std::vector<std::string> CapturingTracer::Texts(uint32_t level) const {
   std::lock_guard lock(m_mutex);
   std::vector<std::string> out;
@@ -94,11 +85,6 @@ size_t CapturingTracer::Count(std::string_view fragment) const {
   for (const auto& l : m_lines)
     if (l.text.find(fragment) != std::string::npos) ++n;
   return n;
-}
-
-size_t CapturingTracer::RecordRequests() const {
-  std::lock_guard lock(m_mutex);
-  return m_requests;
 }
 
 void CapturingTracer::Clear() {

@@ -2,6 +2,7 @@
 // switched on and off one by one or up to a ceiling; lines carry their level.
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <mutex>
 #include <set>
@@ -11,6 +12,7 @@
 
 #include "framework/qeb/object_wrapper.h"
 #include "interfaces/qeb/tracer.h"
+#include "testing/locked.h"
 
 namespace qeb::testing {
 
@@ -30,15 +32,15 @@ class CapturingTracer : public object::Ifaces<ITracer> {
   // Runs on the writing thread with each committed line, outside the tracer's lock.
   void OnLine(std::function<void(std::string_view)> hook);
   // CreateRecord answers this code (a failure switches tracing off altogether).
-  void FailRecords(result_t code);
+  void FailRecords(result_t code) { m_recordResult = code; }
 
-  std::vector<TraceLine> Lines() const;
+  std::vector<TraceLine> Lines() const { return LockedCopy(m_mutex, m_lines); }
   std::vector<std::string> Texts(uint32_t level) const;
   // Lines at any level containing the fragment.
   size_t Count(std::string_view fragment) const;
   bool Contains(std::string_view fragment) const { return Count(fragment) > 0; }
   // Committed line count and records asked for (enabled or not).
-  size_t RecordRequests() const;
+  size_t RecordRequests() const { return m_requests; }
   void Clear();
 
  private:
@@ -48,8 +50,8 @@ class CapturingTracer : public object::Ifaces<ITracer> {
   uint32_t m_ceiling = 800;
   std::set<uint32_t> m_forcedOn;
   std::set<uint32_t> m_forcedOff;
-  result_t m_recordResult = 0;
-  size_t m_requests = 0;
+  std::atomic<result_t> m_recordResult{0};
+  std::atomic<size_t> m_requests{0};
   std::vector<TraceLine> m_lines;
   std::function<void(std::string_view)> m_hook;
 };

@@ -16,12 +16,9 @@ struct FakeApplicationCatalog::State {
   mutable std::mutex mutex;
   std::map<std::string, std::vector<std::u16string>> applications;
   result_t categorizeFailure = res::Ok;
-  result_t nameFailure = res::Ok;
 };
 
 namespace {
-
-using State = FakeApplicationCatalog::State;
 
 class FakeApplication : public object::Ifaces<nox::IApplication> {
  public:
@@ -43,15 +40,10 @@ class FakeApplication : public object::Ifaces<nox::IApplication> {
 
 class FakeCategory : public object::Ifaces<nox::ICategory> {
  public:
-  FakeCategory(std::shared_ptr<State> state, std::u16string name)
-      : m_state(std::move(state)), m_name(std::move(name)) {}
+  explicit FakeCategory(std::u16string name) : m_name(std::move(name)) {}
 
   result_t GetName(std::u16string& name) noexcept override {
     OAS_FAULT_POINT("category GetName");
-    {
-      std::lock_guard lock(m_state->mutex);
-      if (QEB_FAILED(m_state->nameFailure)) return m_state->nameFailure;
-    }
     try {
       name = m_name;
       return res::Ok;
@@ -61,7 +53,6 @@ class FakeCategory : public object::Ifaces<nox::ICategory> {
   }
 
  private:
-  std::shared_ptr<State> m_state;
   std::u16string m_name;
 };
 
@@ -98,7 +89,7 @@ result_t FakeApplicationCatalog::CategorizeFirst(nox::IApplication* application,
     const auto it = m_state->applications.find(path);
     if (it == m_state->applications.end()) return res::NotFound;
     if (it->second.empty()) return res::Ok;
-    *category = MakeHostObject<FakeCategory>(m_state, it->second.front()).Detach();
+    *category = MakeHostObject<FakeCategory>(it->second.front()).Detach();
     return res::Ok;
   } catch (...) {
     return res::OutOfMemory;
@@ -111,19 +102,9 @@ void FakeApplicationCatalog::AddApplication(const std::string& imagePath,
   m_state->applications[imagePath] = std::move(categories);
 }
 
-void FakeApplicationCatalog::RemoveApplication(const std::string& imagePath) {
-  std::lock_guard lock(m_state->mutex);
-  m_state->applications.erase(imagePath);
-}
-
 void FakeApplicationCatalog::FailCategorize(result_t code) {
   std::lock_guard lock(m_state->mutex);
   m_state->categorizeFailure = code;
-}
-
-void FakeApplicationCatalog::FailCategoryName(result_t code) {
-  std::lock_guard lock(m_state->mutex);
-  m_state->nameFailure = code;
 }
 
 void FakeApplicationCatalog::RegisterWith(FakeServiceLocator& locator) {

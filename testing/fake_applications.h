@@ -1,7 +1,7 @@
 // The fake application catalogue: one host object that is both the application provider
 // and the application categorizer. It owns a table from image path to the application's
-// categories in order; applications and categories it hands out share that table, so
-// failures scripted later apply to objects already handed out, as with a live host.
+// categories in order, read again at each step, so a failure scripted after an
+// application was handed out applies to it, as with a live host.
 #pragma once
 
 #include <memory>
@@ -26,12 +26,9 @@ class FakeApplicationCatalog
 
   // Adds or replaces the application of imagePath; an empty list means no category.
   void AddApplication(const std::string& imagePath, std::vector<std::u16string> categories);
-  void RemoveApplication(const std::string& imagePath);
 
-  // Each step answers code until restored with res::Ok.
+  // Categorizing answers code until restored with res::Ok.
   void FailCategorize(result_t code);
-  void FailCategoryName(result_t code);
-
 
   // As IApplicationProvider and IApplicationCategorizer under key 0.
   void RegisterWith(FakeServiceLocator& locator);

@@ -23,9 +23,10 @@ result_t FakeEventsProvider::Subscribe(nox::IFileEventsReceiver* receiver,
 result_t FakeEventsProvider::Resubscribe(nox::IFileEventsReceiver*,
                                          const nox::FileEventsSubscription& subscription) noexcept {
   OAS_FAULT_POINT("events provider Resubscribe");
-  std::lock_guard lock(m_mutex);
   ++m_resubscribeCalls;
-  if (QEB_FAILED(m_resubscribeRefusal)) return m_resubscribeRefusal;
+  const result_t refusal = m_resubscribeRefusal;
+  if (QEB_FAILED(refusal)) return refusal;
+  std::lock_guard lock(m_mutex);
   m_subscriptions.push_back(subscription);
   return res::Ok;
 }
@@ -39,21 +40,6 @@ result_t FakeEventsProvider::Deliver(const vrel::EventParams& params) {
   result_t last = res::NotFound;
   for (auto& receiver : m_receivers.Snapshot()) last = receiver->OnEvent(params);
   return last;
-}
-
-void FakeEventsProvider::RefuseResubscribe(result_t code) {
-  std::lock_guard lock(m_mutex);
-  m_resubscribeRefusal = code;
-}
-
-std::vector<nox::FileEventsSubscription> FakeEventsProvider::Subscriptions() const {
-  std::lock_guard lock(m_mutex);
-  return m_subscriptions;
-}
-
-size_t FakeEventsProvider::ResubscribeCalls() const {
-  std::lock_guard lock(m_mutex);
-  return m_resubscribeCalls;
 }
 
 }  // namespace qeb::testing

@@ -2,11 +2,13 @@
 // records and delivers events to it, from whichever thread the test calls it on.
 #pragma once
 
+#include <atomic>
 #include <mutex>
 #include <vector>
 
 #include "framework/qeb/object_wrapper.h"
 #include "interfaces/nox/file_events.h"
+#include "testing/locked.h"
 #include "testing/subscriber_list.h"
 
 namespace qeb::testing {
@@ -22,17 +24,20 @@ class FakeEventsProvider : public object::Ifaces<nox::IEventsProvider> {
   // Delivers to the receiver; answers what it answered (res::NotFound with none).
   result_t Deliver(const vrel::EventParams& params);
 
-  void RefuseResubscribe(result_t code);
-  std::vector<nox::FileEventsSubscription> Subscriptions() const;  // every (re)subscription, in order
-  size_t ResubscribeCalls() const;
+  void RefuseResubscribe(result_t code) { m_resubscribeRefusal = code; }
+  // Every (re)subscription, in order.
+  std::vector<nox::FileEventsSubscription> Subscriptions() const {
+    return LockedCopy(m_mutex, m_subscriptions);
+  }
+  size_t ResubscribeCalls() const { return m_resubscribeCalls; }
   SubscriberList<nox::IFileEventsReceiver>& Receivers() { return m_receivers; }
 
  private:
   SubscriberList<nox::IFileEventsReceiver> m_receivers;
   mutable std::mutex m_mutex;
   std::vector<nox::FileEventsSubscription> m_subscriptions;
-  result_t m_resubscribeRefusal = res::Ok;
-  size_t m_resubscribeCalls = 0;
+  std::atomic<result_t> m_resubscribeRefusal{res::Ok};
+  std::atomic<size_t> m_resubscribeCalls{0};
 };
 
 }  // namespace qeb::testing

@@ -67,14 +67,12 @@ result_t FakeFileFactory::CreateFile(const char* path, io_access_mode access, io
   {
     std::lock_guard lock(m_mutex);
     m_lastCreate = CreateFileCall{path, access, share, disposition, flags};
-    if (QEB_FAILED(m_nameFailure)) return m_nameFailure;
   }
   if (access != io_access_mode::Read || disposition != io_disposition::OpenIfExist)
     return res::NotSupported;
   const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
   if (fd < 0) return FromErrno(errno);
   *io = MakeHostObject<FdIO>(fd).Detach();
-  std::lock_guard lock(m_mutex);
   ++m_openedByName;
   return res::Ok;
 }
@@ -83,36 +81,13 @@ result_t FakeFileFactory::GetIO(int fd, IIO** io) noexcept {
   if (!io) return res::InvalidArgument;
   *io = nullptr;
   OAS_FAULT_POINT("fd file factory GetIO");
-  {
-    std::lock_guard lock(m_mutex);
-    if (QEB_FAILED(m_fdFailure)) return m_fdFailure;
-  }
+  const result_t failure = m_fdFailure;
+  if (QEB_FAILED(failure)) return failure;
   const int own = ::fcntl(fd, F_DUPFD_CLOEXEC, 0);
   if (own < 0) return FromErrno(errno);
   *io = MakeHostObject<FdIO>(own).Detach();
-  std::lock_guard lock(m_mutex);
   ++m_openedByFd;
   return res::Ok;
-}
-
-void FakeFileFactory::FailByFd(result_t code) {
-  std::lock_guard lock(m_mutex);
-  m_fdFailure = code;
-}
-
-size_t FakeFileFactory::OpenedByName() const {
-  std::lock_guard lock(m_mutex);
-  return m_openedByName;
-}
-
-size_t FakeFileFactory::OpenedByFd() const {
-  std::lock_guard lock(m_mutex);
-  return m_openedByFd;
-}
-
-std::optional<CreateFileCall> FakeFileFactory::LastCreateFile() const {
-  std::lock_guard lock(m_mutex);
-  return m_lastCreate;
 }
 
 void FakeFileFactory::RegisterWith(FakeServiceLocator& locator) {

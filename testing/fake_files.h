@@ -5,6 +5,7 @@
 // scratch directory for the files and removes it with everything in it.
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -15,6 +16,7 @@
 #include "framework/qeb/object_wrapper.h"
 #include "interfaces/nox/files.h"
 #include "testing/fake_service_locator.h"
+#include "testing/locked.h"
 
 namespace qeb::testing {
 
@@ -48,21 +50,20 @@ class FakeFileFactory : public object::Ifaces<nox::IFileFactory, nox::IFdFileFac
                       io_disposition disposition, uint32_t flags, IIO** io) noexcept override;
   result_t GetIO(int fd, IIO** io) noexcept override;
 
-  void FailByFd(result_t code);
+  void FailByFd(result_t code) { m_fdFailure = code; }
 
-  size_t OpenedByName() const;  // successful opens
-  size_t OpenedByFd() const;
-  std::optional<CreateFileCall> LastCreateFile() const;
+  size_t OpenedByName() const { return m_openedByName; }  // successful opens
+  size_t OpenedByFd() const { return m_openedByFd; }
+  std::optional<CreateFileCall> LastCreateFile() const { return LockedCopy(m_mutex, m_lastCreate); }
 
   // As IFileFactory under vrel::CLSID_FileFactories and as IFdFileFactory under key 0.
   void RegisterWith(FakeServiceLocator& locator);
 
  private:
   mutable std::mutex m_mutex;
-  result_t m_nameFailure = res::Ok;
-  result_t m_fdFailure = res::Ok;
-  size_t m_openedByName = 0;
-  size_t m_openedByFd = 0;
+  std::atomic<result_t> m_fdFailure{res::Ok};
+  std::atomic<size_t> m_openedByName{0};
+  std::atomic<size_t> m_openedByFd{0};
   std::optional<CreateFileCall> m_lastCreate;
 };
 

@@ -23,8 +23,9 @@ result_t FakeUserInfoCache::GetFileOwner(uint64_t mountNamespace, const std::str
                                          nox::UserInfo& info) noexcept {
   OAS_FAULT_POINT("user info cache GetFileOwner");
   try {
+    const result_t failure = m_failure;
+    if (QEB_FAILED(failure)) return failure;
     std::lock_guard lock(m_mutex);
-    if (QEB_FAILED(m_failure)) return m_failure;
     auto it = m_owners.find({mountNamespace, fileName});
     if (it == m_owners.end()) return res::NotFound;
     const std::string uid = std::to_string(it->second);
@@ -34,16 +35,6 @@ result_t FakeUserInfoCache::GetFileOwner(uint64_t mountNamespace, const std::str
   } catch (...) {
     return res::OutOfMemory;
   }
-}
-
-void FakeUserInfoCache::FailLookups(result_t code) {
-  std::lock_guard lock(m_mutex);
-  m_failure = code;
-}
-
-std::vector<NotedUser> FakeUserInfoCache::Notes() const {
-  std::lock_guard lock(m_mutex);
-  return m_notes;
 }
 
 result_t FakeFileInfoCache::NoteDeepNestedFile(uint64_t mountNamespace, int32_t fd) noexcept {
@@ -61,8 +52,9 @@ result_t FakeFileInfoCache::GetFileInfo(uint64_t mountNamespace, const std::stri
                                         nox::FileInfo& info) noexcept {
   OAS_FAULT_POINT("file info cache GetFileInfo");
   try {
+    const result_t failure = m_failure;
+    if (QEB_FAILED(failure)) return failure;
     std::lock_guard lock(m_mutex);
-    if (QEB_FAILED(m_failure)) return m_failure;
     auto it = m_files.find({mountNamespace, fileName});
     if (it == m_files.end()) return res::NotFound;
     info = it->second;
@@ -76,16 +68,6 @@ void FakeFileInfoCache::Set(uint64_t mountNamespace, const std::string& fileName
                             nox::FileInfo info) {
   std::lock_guard lock(m_mutex);
   m_files[{mountNamespace, fileName}] = std::move(info);
-}
-
-void FakeFileInfoCache::FailLookups(result_t code) {
-  std::lock_guard lock(m_mutex);
-  m_failure = code;
-}
-
-std::vector<std::pair<uint64_t, int32_t>> FakeFileInfoCache::DeepNestedNotes() const {
-  std::lock_guard lock(m_mutex);
-  return m_deepNested;
 }
 
 }  // namespace qeb::testing

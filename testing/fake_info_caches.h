@@ -3,6 +3,7 @@
 // a test stored and records deep-nested descriptors. Lookups can be told to fail.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <mutex>
@@ -12,6 +13,7 @@
 
 #include "framework/qeb/object_wrapper.h"
 #include "interfaces/nox/info_caches.h"
+#include "testing/locked.h"
 
 namespace qeb::testing {
 
@@ -28,14 +30,14 @@ class FakeUserInfoCache : public object::Ifaces<nox::IUserInfoCache> {
   result_t GetFileOwner(uint64_t mountNamespace, const std::string& fileName,
                         nox::UserInfo& info) noexcept override;
 
-  void FailLookups(result_t code);
-  std::vector<NotedUser> Notes() const;
+  void FailLookups(result_t code) { m_failure = code; }
+  std::vector<NotedUser> Notes() const { return LockedCopy(m_mutex, m_notes); }
 
  private:
   mutable std::mutex m_mutex;
   std::vector<NotedUser> m_notes;
   std::map<std::pair<uint64_t, std::string>, uint32_t> m_owners;
-  result_t m_failure = res::Ok;
+  std::atomic<result_t> m_failure{res::Ok};
 };
 
 class FakeFileInfoCache : public object::Ifaces<nox::IFileInfoCache> {
@@ -45,14 +47,16 @@ class FakeFileInfoCache : public object::Ifaces<nox::IFileInfoCache> {
                        nox::FileInfo& info) noexcept override;
 
   void Set(uint64_t mountNamespace, const std::string& fileName, nox::FileInfo info);
-  void FailLookups(result_t code);
-  std::vector<std::pair<uint64_t, int32_t>> DeepNestedNotes() const;
+  void FailLookups(result_t code) { m_failure = code; }
+  std::vector<std::pair<uint64_t, int32_t>> DeepNestedNotes() const {
+    return LockedCopy(m_mutex, m_deepNested);
+  }
 
  private:
   mutable std::mutex m_mutex;
   std::vector<std::pair<uint64_t, int32_t>> m_deepNested;
   std::map<std::pair<uint64_t, std::string>, nox::FileInfo> m_files;
-  result_t m_failure = res::Ok;
+  std::atomic<result_t> m_failure{res::Ok};
 };
 
 }  // namespace qeb::testing

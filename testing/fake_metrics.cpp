@@ -109,11 +109,6 @@ size_t FakeMetricsRegistry::Registered() const {
   return m_collectors.size();
 }
 
-std::vector<uint64_t> FakeMetricsRegistry::Unregistered() const {
-  std::lock_guard lock(m_mutex);
-  return m_unregistered;
-}
-
 void FakeMetricsRegistry::OnUnregister(std::function<void(uint64_t)> hook) {
   std::lock_guard lock(m_mutex);
   m_hook = std::move(hook);

@@ -14,6 +14,7 @@
 
 #include "framework/qeb/object_wrapper.h"
 #include "interfaces/nox/metrics.h"
+#include "testing/locked.h"
 
 namespace qeb::testing {
 
@@ -65,7 +66,7 @@ class FakeMetricsRegistry : public object::Ifaces<qeb::telemetry::IMetricsRegist
   // Runs every registered collector, outside the registry's lock; answers how many ran.
   size_t Collect();
   size_t Registered() const;
-  std::vector<uint64_t> Unregistered() const;
+  std::vector<uint64_t> Unregistered() const { return LockedCopy(m_mutex, m_unregistered); }
   // Called inside Unregister, before the collector is let go.
   void OnUnregister(std::function<void(uint64_t handle)> hook);
 

@@ -11,29 +11,15 @@ namespace qeb::testing {
 result_t FakeMountProvider::GetMountList(nox::MountList& mounts) noexcept {
   OAS_FAULT_POINT("mount provider GetMountList");
   try {
-    std::lock_guard lock(m_mutex);
     ++m_calls;
-    if (QEB_FAILED(m_failure)) return m_failure;
+    const result_t failure = m_failure;
+    if (QEB_FAILED(failure)) return failure;
+    std::lock_guard lock(m_mutex);
     mounts = m_mounts;
     return res::Ok;
   } catch (...) {
     return res::OutOfMemory;
   }
-}
-
-void FakeMountProvider::SetMounts(nox::MountList mounts) {
-  std::lock_guard lock(m_mutex);
-  m_mounts = std::move(mounts);
-}
-
-void FakeMountProvider::Fail(result_t code) {
-  std::lock_guard lock(m_mutex);
-  m_failure = code;
-}
-
-size_t FakeMountProvider::Calls() const {
-  std::lock_guard lock(m_mutex);
-  return m_calls;
 }
 
 }  // namespace qeb::testing

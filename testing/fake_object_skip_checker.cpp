@@ -51,14 +51,4 @@ void FakeObjectSkipChecker::Throw(std::string message) {
   m_message = std::move(message);
 }
 
-size_t FakeObjectSkipChecker::Calls() const {
-  std::lock_guard lock(m_mutex);
-  return m_calls;
-}
-
-FakeObjectSkipChecker::Seen FakeObjectSkipChecker::LastSeen() const {
-  std::lock_guard lock(m_mutex);
-  return m_seen;
-}
-
 }  // namespace qeb::testing

@@ -3,12 +3,14 @@
 // the callback lends, so tests can see what the caller handed over; it keeps no callback.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <mutex>
 #include <string>
 
 #include "framework/qeb/object_wrapper.h"
 #include "interfaces/nox/object_skip.h"
+#include "testing/locked.h"
 
 namespace qeb::testing {
 
@@ -28,15 +30,15 @@ class FakeObjectSkipChecker : public object::Ifaces<avengine::object_skip::IObje
   void Answer(result_t code);
   // Each later check throws a std::runtime_error carrying message.
   void Throw(std::string message);
-  size_t Calls() const;
-  Seen LastSeen() const;
+  size_t Calls() const { return m_calls; }
+  Seen LastSeen() const { return LockedCopy(m_mutex, m_seen); }
 
  private:
   mutable std::mutex m_mutex;
   result_t m_answer = res::Ok;
   bool m_throws = false;
   std::string m_message;
-  size_t m_calls = 0;
+  std::atomic<size_t> m_calls{0};
   Seen m_seen;
 };
 

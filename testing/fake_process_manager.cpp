@@ -1,9 +1,8 @@
-// A vanished process answers NotFound when its record is read, the code a host gives
-// for a pid it no longer knows.
+// A pid missing from the table answers NotFound, the code a host gives for a pid it no
+// longer knows.
 #include "testing/fake_process_manager.h"
 
 #include <functional>
-#include <set>
 #include <utility>
 
 #include "testing/fault_injection.h"
@@ -19,7 +18,6 @@ struct FakeProcessManager::Table {
   std::map<uint32_t, ProcessInfo> processes;
   std::map<uint32_t, result_t> lookupFailures;
   std::map<uint32_t, result_t> readFailures;
-  std::set<uint32_t> vanishing;
   size_t lookups = 0;
 
   result_t Read(uint32_t pid, ProcessInfo& info) const {
@@ -62,7 +60,6 @@ result_t FakeProcessManager::GetInformation(uint32_t pid, IProcessInformation** 
     const auto failure = m_table->lookupFailures.find(pid);
     if (failure != m_table->lookupFailures.end()) return failure->second;
     if (!m_table->processes.count(pid)) return res::NotFound;
-    if (m_table->vanishing.erase(pid)) m_table->processes.erase(pid);
   }
   std::shared_ptr<const Table> table = m_table;
   *process = MakeHostObject<FakeProcessInformation>(
@@ -94,16 +91,10 @@ void FakeProcessManager::FailInformation(uint32_t pid, result_t code) {
   m_table->readFailures[pid] = code;
 }
 
-void FakeProcessManager::VanishAfterLookup(uint32_t pid) {
-  std::lock_guard lock(m_table->mutex);
-  m_table->vanishing.insert(pid);
-}
-
 void FakeProcessManager::RestorePid(uint32_t pid) {
   std::lock_guard lock(m_table->mutex);
   m_table->lookupFailures.erase(pid);
   m_table->readFailures.erase(pid);
-  m_table->vanishing.erase(pid);
 }
 
 size_t FakeProcessManager::Lookups() const {

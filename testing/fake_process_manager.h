@@ -1,6 +1,6 @@
 // The fake process manager: a table of processes by pid, each with the record the
-// host would fill. Information objects read the table when asked, so a process removed
-// after its lookup fails the second step exactly as a real exited process does.
+// host would fill. Information objects read the table when asked, so a failure scripted
+// after the lookup hits the second step as it would for a process that just exited.
 // Tests script per-pid failures of either step; the table is shared with handed-out
 // information objects and lives as long as any of them.
 #pragma once
@@ -34,8 +34,6 @@ class FakeProcessManager
   void FailLookup(uint32_t pid, result_t code);
   // Reading the information object of pid answers code (until RestorePid).
   void FailInformation(uint32_t pid, result_t code);
-  // The process exits right after its next lookup: reading its record then fails.
-  void VanishAfterLookup(uint32_t pid);
   void RestorePid(uint32_t pid);
 
   size_t Lookups() const;

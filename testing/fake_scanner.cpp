@@ -89,19 +89,9 @@ result_t FakeScanner::Handle(vrel::IEvent085* event, uint32_t context, bool noti
   }
 }
 
-void FakeScanner::SetScript(ScannerScript script) {
-  std::lock_guard lock(m_mutex);
-  m_script = std::move(script);
-}
-
 void FakeScanner::SetChooser(std::function<ScannerScript(vrel::IEvent085*)> chooser) {
   std::lock_guard lock(m_mutex);
   m_chooser = std::move(chooser);
-}
-
-std::vector<ScannerCall> FakeScanner::Calls() const {
-  std::lock_guard lock(m_mutex);
-  return m_calls;
 }
 
 size_t FakeScanner::ReplyLate() {

@@ -16,6 +16,7 @@
 #include "framework/qeb/object_wrapper.h"
 #include "interfaces/vrel/event.h"
 #include "interfaces/vrel/event_handler.h"
+#include "testing/locked.h"
 
 namespace qeb::testing {
 
@@ -62,11 +63,11 @@ class FakeScanner : public object::Ifaces<vrel::IEventHandler085> {
   result_t OnEventCancelled(vrel::IEvent085* event, uint32_t context) noexcept override;
   result_t OnNotification(vrel::IEvent085* event, uint32_t context) noexcept override;
 
-  void SetScript(ScannerScript script);
+  void SetScript(ScannerScript script) { LockedSet(m_mutex, m_script, std::move(script)); }
   // Chooses each event's script; replaces SetScript until cleared with nullptr.
   void SetChooser(std::function<ScannerScript(vrel::IEvent085*)> chooser);
 
-  std::vector<ScannerCall> Calls() const;
+  std::vector<ScannerCall> Calls() const { return LockedCopy(m_mutex, m_calls); }
   // Drops the references kept for events never answered.
   void ReleaseKept();
   // Answers the events kept by ReplyLater, then lets them go; answers how many there were.

@@ -6,6 +6,7 @@
 
 #include "testing/fault_injection.h"
 #include "testing/host_object.h"
+#include "testing/locked.h"
 
 namespace qeb::testing {
 
@@ -25,7 +26,8 @@ result_t FakeThreadPool::AddTask(IRunnable* task, uint32_t) noexcept {
   OAS_FAULT_POINT("thread pool AddTask");
   {
     std::lock_guard lock(m_mutex);
-    if (QEB_FAILED(m_refusal)) return m_refusal;
+    const result_t refusal = m_refusal;
+    if (QEB_FAILED(refusal)) return refusal;
     if (m_stopping) return res::NotReady;
     m_queue.emplace_back(task);
     StartThreadIfNeeded();
@@ -59,19 +61,9 @@ void FakeThreadPool::Work() {
   }
 }
 
-void FakeThreadPool::Refuse(result_t code) {
-  std::lock_guard lock(m_mutex);
-  m_refusal = code;
-}
-
 void FakeThreadPool::WaitIdle() {
   std::unique_lock lock(m_mutex);
   m_idle.wait(lock, [&] { return m_busy == 0 && m_queue.empty(); });
-}
-
-size_t FakeThreadPool::TasksRun() const {
-  std::lock_guard lock(m_mutex);
-  return m_tasksRun;
 }
 
 size_t FakeThreadPool::ThreadCount() const {
@@ -85,7 +77,8 @@ result_t FakeThreadPoolFactory::CreateThreadPool(const ThreadPoolParams& params,
   *pool = nullptr;
   OAS_FAULT_POINT("thread pool factory CreateThreadPool");
   std::lock_guard lock(m_mutex);
-  if (QEB_FAILED(m_failure)) return m_failure;
+  const result_t failure = m_failure;
+  if (QEB_FAILED(failure)) return failure;
   auto created = MakeHostObject<FakeThreadPool>(params);
   created->Refuse(m_refusal);
   m_lastPool = created;
@@ -93,19 +86,10 @@ result_t FakeThreadPoolFactory::CreateThreadPool(const ThreadPoolParams& params,
   return res::Ok;
 }
 
-void FakeThreadPoolFactory::Fail(result_t code) {
-  std::lock_guard lock(m_mutex);
-  m_failure = code;
-}
-
-void FakeThreadPoolFactory::RefuseTasks(result_t code) {
-  std::lock_guard lock(m_mutex);
-  m_refusal = code;
-}
-
+// Out of line: inlined into a test, g++ 12 takes the null pool it cannot rule out for a
+// store into nothing (-Wstringop-overflow) at the pool's next atomic knob.
 objptr_t<FakeThreadPool> FakeThreadPoolFactory::LastPool() const {
-  std::lock_guard lock(m_mutex);
-  return m_lastPool;
+  return LockedCopy(m_mutex, m_lastPool);
 }
 
 }  // namespace qeb::testing

@@ -4,6 +4,7 @@
 // A pool must not be released from one of its own tasks.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -24,10 +25,10 @@ class FakeThreadPool : public object::Ifaces<IThreadPool2> {
   result_t AddTask(IRunnable* task, uint32_t options) noexcept override;
 
   // AddTask answers code from now on (0 to accept again).
-  void Refuse(result_t code);
+  void Refuse(result_t code) { m_refusal = code; }
   // Blocks until every accepted task has run.
   void WaitIdle();
-  size_t TasksRun() const;
+  size_t TasksRun() const { return m_tasksRun; }
   size_t ThreadCount() const;
 
  private:
@@ -41,8 +42,8 @@ class FakeThreadPool : public object::Ifaces<IThreadPool2> {
   std::deque<objptr_t<IRunnable>> m_queue;
   std::vector<std::thread> m_threads;
   size_t m_busy = 0;
-  size_t m_tasksRun = 0;
-  result_t m_refusal = res::Ok;
+  std::atomic<size_t> m_tasksRun{0};
+  std::atomic<result_t> m_refusal{res::Ok};
   bool m_stopping = false;
 };
 
@@ -51,16 +52,16 @@ class FakeThreadPoolFactory : public object::Ifaces<IThreadPoolFactory> {
   result_t CreateThreadPool(const ThreadPoolParams& params, IThreadPool2** pool) noexcept override;
 
   // CreateThreadPool answers code from now on (0 to create again).
-  void Fail(result_t code);
+  void Fail(result_t code) { m_failure = code; }
   // Pools made from now on refuse every task with code.
-  void RefuseTasks(result_t code);
+  void RefuseTasks(result_t code) { m_refusal = code; }
   // The most recently created pool, or null.
   objptr_t<FakeThreadPool> LastPool() const;
 
  private:
   mutable std::mutex m_mutex;
-  result_t m_failure = res::Ok;
-  result_t m_refusal = res::Ok;
+  std::atomic<result_t> m_failure{res::Ok};
+  std::atomic<result_t> m_refusal{res::Ok};
   objptr_t<FakeThreadPool> m_lastPool;
 };
 

@@ -23,27 +23,7 @@ result_t FakeTimer::SetTimer(ITimerCallback* callback, timer_duration_t timeout)
   Remember(m_arms, TimerArm{callback, timeout});
   auto& slot = m_armed[callback];
   previous = std::exchange(slot, objptr_t<ITimerCallback>(callback));
-  m_timeouts[callback] = timeout;
   return res::Ok;
-}
-
-result_t FakeTimer::SetPeriodicTimer(ITimerCallback*, timer_duration_t) noexcept {
-  OAS_FAULT_POINT("timer SetPeriodicTimer");
-  return res::NotImplemented;
-}
-
-result_t FakeTimer::GetTimeLeft(ITimerCallback* callback, timer_duration_t& left) noexcept {
-  OAS_FAULT_POINT("timer GetTimeLeft");
-  std::lock_guard lock(m_mutex);
-  if (!m_armed.count(callback)) return res::NotFound;
-  left = m_timeouts[callback];
-  return res::Ok;
-}
-
-result_t FakeTimer::RestartTimer(ITimerCallback* callback) noexcept {
-  OAS_FAULT_POINT("timer RestartTimer");
-  std::lock_guard lock(m_mutex);
-  return m_armed.count(callback) ? res::Ok : res::NotFound;
 }
 
 result_t FakeTimer::CancelTimer(ITimerCallback* callback) noexcept {
@@ -55,7 +35,6 @@ result_t FakeTimer::CancelTimer(ITimerCallback* callback) noexcept {
   if (wasArmed) {
     removed = std::move(it->second);
     m_armed.erase(it);
-    m_timeouts.erase(callback);
   }
   m_fired.wait(lock, [&] { return m_inFlight.count(callback) == 0; });
   return wasArmed ? res::Ok : res::False;
@@ -70,7 +49,6 @@ size_t FakeTimer::FireAll() {
       due.push_back(std::move(callback));
     }
     m_armed.clear();
-    m_timeouts.clear();
   }
   for (auto& callback : due) {
     callback->OnTimer();
@@ -85,7 +63,6 @@ void FakeTimer::DisarmAll() {
   std::map<const ITimerCallback*, objptr_t<ITimerCallback>> dropped;
   std::lock_guard lock(m_mutex);
   dropped.swap(m_armed);
-  m_timeouts.clear();
 }
 
 size_t FakeTimer::ArmedCount() const {

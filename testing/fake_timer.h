@@ -24,10 +24,13 @@ struct TimerArm {
 class FakeTimer : public object::Ifaces<ITimerService> {
  public:
   result_t SetTimer(ITimerCallback* callback, timer_duration_t timeout) noexcept override;
-  result_t SetPeriodicTimer(ITimerCallback* callback, timer_duration_t period) noexcept override;
-  result_t GetTimeLeft(ITimerCallback* callback, timer_duration_t& left) noexcept override;
-  result_t RestartTimer(ITimerCallback* callback) noexcept override;
   result_t CancelTimer(ITimerCallback* callback) noexcept override;
+
+  // The module arms one-shot timers and cancels them, nothing else: the other operations
+  // answer NotImplemented, so a module that started to use them would see it at once.
+  result_t SetPeriodicTimer(ITimerCallback*, timer_duration_t) noexcept override { return res::NotImplemented; }
+  result_t GetTimeLeft(ITimerCallback*, timer_duration_t&) noexcept override { return res::NotImplemented; }
+  result_t RestartTimer(ITimerCallback*) noexcept override { return res::NotImplemented; }
 
   // Fires every armed callback once and disarms it; returns how many fired.
   size_t FireAll();
@@ -44,7 +47,6 @@ class FakeTimer : public object::Ifaces<ITimerService> {
   mutable std::mutex m_mutex;
   std::condition_variable m_fired;
   std::map<const ITimerCallback*, objptr_t<ITimerCallback>> m_armed;
-  std::map<const ITimerCallback*, timer_duration_t> m_timeouts;
   std::map<const ITimerCallback*, size_t> m_inFlight;
   std::deque<TimerArm> m_arms;
 };

@@ -16,7 +16,7 @@ result_t VerdictLog::Record(uint32_t verdict, const vrel::EventParams& params,
   }
   if (hook) hook(params, verdict);
   std::lock_guard lock(m_mutex);
-  const result_t refusal = QEB_FAILED(fault) ? fault : m_failure;
+  const result_t refusal = QEB_FAILED(fault) ? fault : m_failure.load();
   if (QEB_FAILED(refusal)) {
     m_refused.push_back(params.cookie);
     return refusal;
@@ -29,21 +29,6 @@ result_t VerdictLog::Record(uint32_t verdict, const vrel::EventParams& params,
 void VerdictLog::OnDelivery(std::function<void(const vrel::EventParams&, uint32_t)> hook) {
   std::lock_guard lock(m_mutex);
   m_hook = std::move(hook);
-}
-
-void VerdictLog::Fail(result_t code) {
-  std::lock_guard lock(m_mutex);
-  m_failure = code;
-}
-
-std::vector<DeliveredVerdict> VerdictLog::Verdicts() const {
-  std::lock_guard lock(m_mutex);
-  return m_verdicts;
-}
-
-std::vector<uint64_t> VerdictLog::Refused() const {
-  std::lock_guard lock(m_mutex);
-  return m_refused;
 }
 
 std::map<uint64_t, size_t> VerdictLog::CountsByCookie() const {

@@ -3,6 +3,7 @@
 // given (with the key, when one came), can be told to fail, and let tests wait for a count.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -13,6 +14,7 @@
 
 #include "framework/qeb/object_wrapper.h"
 #include "interfaces/vrel/verdict_notifier.h"
+#include "testing/locked.h"
 
 namespace qeb::testing {
 
@@ -25,10 +27,10 @@ struct DeliveredVerdict {
 class VerdictLog {
  public:
   // SetVerdict answers code from now on, recording nothing (0 to accept again).
-  void Fail(result_t code);
-  std::vector<DeliveredVerdict> Verdicts() const;
+  void Fail(result_t code) { m_failure = code; }
+  std::vector<DeliveredVerdict> Verdicts() const { return LockedCopy(m_mutex, m_verdicts); }
   // Record cookies of the verdicts refused, in order.
-  std::vector<uint64_t> Refused() const;
+  std::vector<uint64_t> Refused() const { return LockedCopy(m_mutex, m_refused); }
   // Verdicts delivered per record cookie.
   std::map<uint64_t, size_t> CountsByCookie() const;
   // Blocks until at least count verdicts were delivered.
@@ -46,7 +48,7 @@ class VerdictLog {
   mutable std::condition_variable m_delivered;
   std::vector<DeliveredVerdict> m_verdicts;
   std::vector<uint64_t> m_refused;
-  result_t m_failure = res::Ok;
+  std::atomic<result_t> m_failure{res::Ok};
   std::function<void(const vrel::EventParams&, uint32_t)> m_hook;
 };
 

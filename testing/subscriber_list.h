@@ -4,7 +4,6 @@
 #pragma once
 
 #include <algorithm>
-#include <functional>
 #include <mutex>
 #include <vector>
 
@@ -16,12 +15,6 @@ template <class I>
 class SubscriberList {
  public:
   result_t Add(I* subscriber) {
-    std::function<void()> hook;
-    {
-      std::lock_guard lock(m_mutex);
-      hook = m_onSubscribe;
-    }
-    if (hook) hook();
     std::lock_guard lock(m_mutex);
     if (QEB_FAILED(m_refusal)) return m_refusal;
     if (!subscriber) return res::InvalidArgument;
@@ -47,12 +40,6 @@ class SubscriberList {
     dropped.swap(m_subscribers);
   }
 
-  // Runs on the subscribing thread at each subscribe call, before it is answered.
-  void OnSubscribe(std::function<void()> hook) {
-    std::lock_guard lock(m_mutex);
-    m_onSubscribe = std::move(hook);
-  }
-
   // Subscribe calls answer code from now on (0 to accept again).
   void Refuse(result_t code) {
     std::lock_guard lock(m_mutex);
@@ -72,7 +59,6 @@ class SubscriberList {
   mutable std::mutex m_mutex;
   std::vector<objptr_t<I>> m_subscribers;
   result_t m_refusal = res::Ok;
-  std::function<void()> m_onSubscribe;
 };
 
 }  // namespace qeb::testing

@@ -12,6 +12,7 @@
 
 #include "framework/qeb/result_text.h"
 #include "oas/file_interceptor.h"
+#include "testing/check_line.h"
 #include "testing/event_builder.h"
 #include "testing/fake_host.h"
 #include "testing/fake_scanner.h"
@@ -58,15 +59,6 @@ class InterceptorTest : public ::testing::Test {
     EXPECT_EQ(host.mountSubscription->Subscribers().Count(), count);
     EXPECT_EQ(host.eventsProvider->Receivers().Count(), count);
     EXPECT_EQ(host.sharesParser->Subscribers().Count(), count);
-  }
-  ::testing::AssertionResult HasCheck(const std::string& expression, result_t code,
-                                      const std::string& sentence) {
-    if (host.tracer->Contains(expression + "),(QEB_SUCCEEDED(_result)) failed: result = " +
-                              qeb::ResultText(code) + sentence))
-      return ::testing::AssertionSuccess();
-    auto failure = ::testing::AssertionFailure() << "error lines:";
-    for (const auto& line : host.tracer->Texts(qeb::trace::LevelError)) failure << "\n  " << line;
-    return failure;
   }
   // Delivers one open event and waits for the verdict the module sends for it.
   uint32_t VerdictFor(uint64_t cookie) {
@@ -273,8 +265,9 @@ TEST_F(InterceptorTest, SettingsResetOnlyWhenChanged) {
 
   host.eventsProvider->RefuseResubscribe(res::AccessDenied);
   EXPECT_EQ(interceptor->ResetCache(), res::AccessDenied);
-  EXPECT_TRUE(HasCheck("(m_eventsProvider->Resubscribe( m_processor, {oasSettings, oasSettings, vrelFlags})",
-                       res::AccessDenied, "Cannot resubscribe"));
+  EXPECT_TRUE(HasCheckLine(*host.tracer,
+                           "(m_eventsProvider->Resubscribe( m_processor, {oasSettings, oasSettings, vrelFlags})",
+                           res::AccessDenied, "Cannot resubscribe"));
   EXPECT_EQ(State(), 0x300031u);
 }
 
@@ -314,22 +307,22 @@ TEST_F(InterceptorTest, SharesChangeFailures) {
 
   host.taskManager->FailRefresh(res::AccessDenied);
   EXPECT_EQ(interceptor->OnSharesChanged(), res::AccessDenied);
-  EXPECT_TRUE(HasCheck("oas/file_interceptor:66(tm->RefreshTaskSettings(Name4DefaultOasTask)",
-                       res::AccessDenied, "Cannot refresh settings for 'File_Threat_Protection' task"));
+  EXPECT_TRUE(HasCheckLine(*host.tracer, "oas/file_interceptor:66(tm->RefreshTaskSettings(Name4DefaultOasTask)",
+                           res::AccessDenied, "Cannot refresh settings for 'File_Threat_Protection' task"));
 
   host.locator->Fail(nox::INoxTaskManager::IID, 0, res::NoInterface);
   EXPECT_EQ(interceptor->OnSharesChanged(), res::NoInterface);
-  EXPECT_TRUE(HasCheck("oas/file_interceptor:63(qeb::GetInterface(sl, tm.Ref())", res::NoInterface,
-                       "Cannot get INoxTaskManager interface"));
-  EXPECT_TRUE(HasCheck("(RefreshOasSettings(GetServiceLocator(), GetTracer())", res::NoInterface,
-                       "Failed to refresh oas settings"));
+  EXPECT_TRUE(HasCheckLine(*host.tracer, "oas/file_interceptor:63(qeb::GetInterface(sl, tm.Ref())",
+                           res::NoInterface, "Cannot get INoxTaskManager interface"));
+  EXPECT_TRUE(HasCheckLine(*host.tracer, "(RefreshOasSettings(GetServiceLocator(), GetTracer())",
+                           res::NoInterface, "Failed to refresh oas settings"));
   EXPECT_EQ(host.eventsProvider->ResubscribeCalls(), resets) << "caches left as they were";
 
   host.locator->Restore(nox::INoxTaskManager::IID);
   host.taskManager->FailRefresh(res::Ok);
   host.eventsProvider->RefuseResubscribe(res::AccessDenied);
   EXPECT_EQ(interceptor->OnSharesChanged(), res::AccessDenied);
-  EXPECT_TRUE(HasCheck("(ResetCache()", res::AccessDenied, "Failed to reset cache"));
+  EXPECT_TRUE(HasCheckLine(*host.tracer, "(ResetCache()", res::AccessDenied, "Failed to reset cache"));
   for (const auto& line : host.tracer->Texts(qeb::trace::LevelError))
     EXPECT_EQ(line.rfind("oas/file_interceptor:", 0), 0u) << line;
 }

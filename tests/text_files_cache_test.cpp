@@ -10,10 +10,10 @@
 
 #include <gtest/gtest.h>
 
-#include "framework/qeb/result_text.h"
 #include "oas/cache_impl/cache_list.h"
 #include "oas/cache_impl/clean_file_info_pid.h"
 #include "oas/cache_impl/text_files_cache.h"
+#include "testing/check_line.h"
 #include "testing/failing_allocation.h"
 #include "testing/fake_host.h"
 #include "testing/scoped_clock_override.h"
@@ -74,21 +74,6 @@ class TextFilesCacheTest : public ::testing::Test {
     return out;
   }
 
-  bool HasLineEndingWith(const std::string& suffix) const {
-    for (const auto& line : host.tracer->Lines())
-      if (line.text.size() >= suffix.size() &&
-          line.text.compare(line.text.size() - suffix.size(), suffix.size(), suffix) == 0)
-        return true;
-    return false;
-  }
-
-  // The failed-check line for expression, its result and the sentence straight after.
-  bool HasCheckLine(const std::string& expression, qeb::result_t code,
-                    const std::string& sentence) const {
-    return HasLineEndingWith("(" + expression + "),(QEB_SUCCEEDED(_result)) failed: result = " +
-                             qeb::ResultText(code) + sentence);
-  }
-
   ScopedClockOverride clock;
   FakeHost host;
   TempDir dir;
@@ -117,7 +102,7 @@ TEST_F(TextFilesCacheTest, AdmitsTextFilesByNameAndRemembersThem) {
   EXPECT_TRUE(host.tracer->Contains("file:" + textPath + " is text file"));
   EXPECT_TRUE(host.tracer->Contains("file:" + binaryPath + " isn't text file"));
   EXPECT_TRUE(HasCheckLine(
-      "m_filenameFileFactory->CreateFile(path.c_str(), qeb::io_access_mode::Read, "
+      *host.tracer, "(m_filenameFileFactory->CreateFile(path.c_str(), qeb::io_access_mode::Read, "
       "qeb::io_share_mode::Read, qeb::io_disposition::OpenIfExist, 0, io.Ref())",
       res::FileNotFound, "cannot get io from filename"));
 
@@ -148,8 +133,8 @@ TEST_F(TextFilesCacheTest, AnOpenDescriptorIsReadInsteadOfTheName) {
 
   host.fileFactory->FailByFd(res::InvalidHandle);
   EXPECT_EQ(cache.Add(Event(textPath, 22, 100, text.Get())), res::False);
-  EXPECT_TRUE(HasCheckLine("m_fdFileFactory->GetIO(event.fd, io.Ref())", res::InvalidHandle,
-                           "cannot get io from open fd"));
+  EXPECT_TRUE(HasCheckLine(*host.tracer, "(m_fdFileFactory->GetIO(event.fd, io.Ref())",
+                           res::InvalidHandle, "cannot get io from open fd"));
   EXPECT_EQ(cache.Size(), 1u);
 }
 
@@ -174,7 +159,8 @@ TEST_F(TextFilesCacheTest, MissingHostServicesAdmitNothing) {
   host.formatRecognizer->FailCreate(res::NotSupported);
   {
     TextFilesCache cache(host.Locator());
-    EXPECT_TRUE(HasCheckLine("formatRecognizer->CreateIoRecognizer(params, ioRecognizer.Ref())",
+    EXPECT_TRUE(HasCheckLine(*host.tracer,
+                             "(formatRecognizer->CreateIoRecognizer(params, ioRecognizer.Ref())",
                              res::NotSupported, "Cannot create io recognizer"));
     EXPECT_EQ(cache.Add(Event(textPath, 43)), res::False);
     EXPECT_TRUE(host.tracer->Contains("format recognizer isn't available"));
