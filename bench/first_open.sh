@@ -16,19 +16,13 @@ while [ $# -gt 0 ]; do
     *) echo "first_open.sh: unknown option $1" >&2; exit 2 ;;
   esac
 done
-if [ "$(id -u)" -ne 0 ]; then
-  echo "first_open.sh: fanotify permission events need root" >&2
-  exit 2
-fi
+source "$root/bench/sandbox.sh"
+bench_require_root first_open.sh
 if ! command -v clamd > /dev/null || ! command -v clamonacc > /dev/null; then
   DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends clamav-daemon clamdscan
 fi
-[ -f "$build_dir/CMakeCache.txt" ] || cmake -S "$root" -B "$build_dir" -G Ninja
-cmake --build "$build_dir" --target oasd oas
-
-work=$(mktemp -d /tmp/oas-first-open.XXXXXX)
-mkdir "$work/watched" "$work/scratch"
-trap 'rmdir "$work/watched" "$work/scratch" "$work" 2>/dev/null || true' EXIT
+bench_build "$root" "$build_dir" oasd oas
+bench_work_dir oas-first-open watched scratch
 
 timeout --kill-after=10 600 unshare -m --propagation private bash -s "$work" "$build_dir" \
   "$root/host/engine/signatures" "$files" <<'INNER'

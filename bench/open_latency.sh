@@ -18,18 +18,10 @@ while [ $# -gt 0 ]; do
   esac
 done
 
-if [ "$(id -u)" -ne 0 ]; then
-  echo "open_latency.sh: fanotify permission events need root" >&2
-  exit 2
-fi
-
-[ -f "$build_dir/CMakeCache.txt" ] || cmake -S "$root" -B "$build_dir" -G Ninja
-cmake --build "$build_dir" --target open_latency oasd oas
-
-work=$(mktemp -d /tmp/oas-open-latency.XXXXXX)
-mkdir "$work/watched" "$work/scratch"
-# The mounts live only in the private namespace and vanish with it, leaving empty directories.
-trap 'rmdir "$work/watched" "$work/scratch" "$work" 2>/dev/null || true' EXIT
+source "$root/bench/sandbox.sh"
+bench_require_root open_latency.sh
+bench_build "$root" "$build_dir" open_latency oasd oas
+bench_work_dir oas-open-latency watched scratch
 
 # The program keeps its own, shorter alarm; this limit is the backstop for it. It marks only a
 # tmpfs mounted under the name oas-open-latency, and only when started (exec, not forked) in a

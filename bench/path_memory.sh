@@ -22,17 +22,10 @@ while [ $# -gt 0 ]; do
   esac
 done
 
-if [ "$(id -u)" -ne 0 ]; then
-  echo "path_memory.sh: fanotify permission events need root" >&2
-  exit 2
-fi
-
-[ -f "$build_dir/CMakeCache.txt" ] || cmake -S "$root" -B "$build_dir" -G Ninja
-cmake --build "$build_dir" --target oasd oas
-
-work=$(mktemp -d /tmp/oasd-path-memory.XXXXXX)
-mkdir "$work/w" "$work/s"
-trap 'rmdir "$work/w" "$work/s" "$work" 2>/dev/null || true' EXIT
+source "$root/bench/sandbox.sh"
+bench_require_root path_memory.sh
+bench_build "$root" "$build_dir" oasd oas
+bench_work_dir oasd-path-memory w s
 
 timeout --kill-after=10 1800 unshare -m --propagation private bash -c '
   set -euo pipefail

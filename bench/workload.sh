@@ -11,16 +11,10 @@ set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 build_dir="$root/build"
 [ "${1:-}" = "--build-dir" ] && build_dir="$2"
-if [ "$(id -u)" -ne 0 ]; then
-  echo "workload.sh: fanotify permission events need root" >&2
-  exit 2
-fi
-[ -f "$build_dir/CMakeCache.txt" ] || cmake -S "$root" -B "$build_dir" -G Ninja
-cmake --build "$build_dir" --target open_latency oasd oas
-
-work=$(mktemp -d /tmp/oas-workload.XXXXXX)
-mkdir "$work/watched" "$work/scratch"
-trap 'rmdir "$work/watched" "$work/scratch" "$work" 2>/dev/null || true' EXIT
+source "$root/bench/sandbox.sh"
+bench_require_root workload.sh
+bench_build "$root" "$build_dir" open_latency oasd oas
+bench_work_dir oas-workload watched scratch
 
 timeout --kill-after=10 1500 unshare -m --propagation private bash -s "$work" "$build_dir" <<'INNER'
 set -euo pipefail
